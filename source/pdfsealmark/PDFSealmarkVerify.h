@@ -1,0 +1,75 @@
+// Examining one signature field of an open document.
+//
+// Hand a signature field to parse(), then ask: is it signed, does the
+// signature check out over the bytes its /ByteRange names, which page is it
+// on, what are the raw /Contents.
+//
+//   std::string why;
+//   auto doc = PDF_Vellum::PDFDocument::open("signed.pdf", "", &why);
+//   PDF_Folio::CForm form(doc.get());
+//   for (PDF_Folio::CSigField* field : form.getSigFields()) {
+//     PDF_Sealmark::PDFSealmarkVerify v;
+//     v.parse(field);
+//     std::cout << field->getName() << ": "
+//               << (!v.getHasSigned() ? "unsigned" : v.verify() ? "intact" : "NOT intact") << "\n";
+//   }
+//
+// Copies share one implementation object: after b = a, a.parse(f) is seen
+// through b as well, and a.clear() clears both.  The document must outlive
+// every question; verify() moves the read position of the document's stream,
+// so no two questions may run at once on one document.
+#ifndef PDFSEALMARK_PDFSEALMARKVERIFY_H
+#define PDFSEALMARK_PDFSEALMARKVERIFY_H
+
+#include <ostream>
+
+#include "pdfsealmark/PDFSealmarkExport.h"
+#include "pdfsealmark/outside/PDFFolio.h"
+#include "pdfsealmark/outside/PDFVellum.h"
+#include "pdfsealmark/outside/TesseraCommon.h"
+
+namespace PDF_Sealmark {
+
+class PDFSealmarkVerifyImpl;
+
+class PDFSEALMARK_API PDFSealmarkVerify {
+ public:
+  PDFSealmarkVerify();
+  PDFSealmarkVerify(const PDFSealmarkVerify& other);
+  virtual ~PDFSealmarkVerify();
+  // Shares other's implementation object; copies nothing.
+  void operator=(const PDFSealmarkVerify& other);
+
+  void clear();
+  // Reads the field: its signature dictionary, the PKCS#7 object in
+  // /Contents, a time-stamp token, the page.  True when the field was read
+  // to the end, signed or not.  The field is borrowed and must stay alive.
+  bool parse(PDF_Folio::CSigField* field);
+
+  // The field has a signature dictionary whose /Contents decoded as PKCS#7.
+  bool getHasSigned() const;
+  // Page of the field, from 1; 0 when none is known.
+  int getPageNum() const;
+  // These lend what parse stored, valid until the next clear or parse.
+  PDF_Folio::CSigField* getSigPtr() const;
+  PDF_Vellum::PDFAcroform* getAcroform() const;
+  PDF_Vellum::PDFAcroform* getSigDict() const;
+  PDF_Vellum::PDFDocument* getDoc() const;
+
+  // True when every signer info was made by the key of a certificate in the
+  // PKCS#7 object, over the bytes named by /ByteRange.  Dates, revocation
+  // and trust of the certificates are not looked at.
+  bool verify() const;
+  // Writes the raw bytes of /Contents, padding included.
+  bool getContents(std::ostream& out) const;
+
+  // Lends the implementation object; null only if it couldn't be made.
+  PDFSealmarkVerifyImpl* getImpl() const { return impl_.get(); }
+
+ private:
+  TesseraCommon::TSSmartPtr<PDFSealmarkVerifyImpl> impl_;
+};
+
+}  // namespace PDF_Sealmark
+
+#endif

@@ -1,0 +1,32 @@
+#include "pdfsealmark/PDFSealmarkVerify.h"
+
+#include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
+
+namespace PDF_Sealmark {
+
+PDFSealmarkVerify::PDFSealmarkVerify() : impl_(new (std::nothrow) PDFSealmarkVerifyImpl, true) {}
+
+PDFSealmarkVerify::PDFSealmarkVerify(const PDFSealmarkVerify& other) : impl_(other.impl_) {}
+
+PDFSealmarkVerify::~PDFSealmarkVerify() = default;
+
+void PDFSealmarkVerify::operator=(const PDFSealmarkVerify& other) { impl_ = other.impl_; }
+
+void PDFSealmarkVerify::clear() {
+  if (impl_) impl_->clear();
+}
+
+bool PDFSealmarkVerify::parse(PDF_Folio::CSigField* field) { return impl_ ? impl_->parse(field) : false; }
+bool PDFSealmarkVerify::getHasSigned() const { return impl_ ? impl_->getHasSigned() : false; }
+int PDFSealmarkVerify::getPageNum() const { return impl_ ? impl_->pageNum : 0; }
+PDF_Folio::CSigField* PDFSealmarkVerify::getSigPtr() const { return impl_ ? impl_->sigPtr : nullptr; }
+PDF_Vellum::PDFAcroform* PDFSealmarkVerify::getAcroform() const { return impl_ ? impl_->acroform : nullptr; }
+PDF_Vellum::PDFAcroform* PDFSealmarkVerify::getSigDict() const { return impl_ ? impl_->sigDict : nullptr; }
+PDF_Vellum::PDFDocument* PDFSealmarkVerify::getDoc() const { return impl_ ? impl_->doc : nullptr; }
+bool PDFSealmarkVerify::verify() const { return impl_ ? impl_->verify() : false; }
+
+bool PDFSealmarkVerify::getContents(std::ostream& out) const {
+  return impl_ ? impl_->getContents(out) : false;
+}
+
+}  // namespace PDF_Sealmark

@@ -1,0 +1,79 @@
+// Internal: the state behind PDFSealmarkVerify.
+#ifndef PDFSEALMARK_VERIFY_PDFSEALMARKVERIFYIMPL_H
+#define PDFSEALMARK_VERIFY_PDFSEALMARKVERIFYIMPL_H
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+#include <openssl/pkcs7.h>
+
+#include "pdfsealmark/outside/PDFFolio.h"
+#include "pdfsealmark/outside/PDFVellum.h"
+#include "pdfsealmark/outside/TesseraCommon.h"
+
+namespace PDF_Sealmark {
+
+// Where a signature's time-stamp token came from.
+enum TimeStampKind : std::int32_t {
+  kNoTimeStamp = 0,
+  kRfc3161TimeStamp = 1,    // the token decoded as PKCS#7
+  kServiceTimeStamp = 2,    // token bytes that aren't PKCS#7
+  kPfuFilterTimeStamp = 3,  // /Filter begins with "/PFUP.TimeStamp"
+};
+
+// The four numbers of a /ByteRange, in file order.
+struct ByteRange {
+  long offset1 = -1;
+  long length1 = -1;
+  long offset2 = -1;
+  long length2 = -1;
+
+  // Both ranges non-negative, the second non-empty and not before the end
+  // of the first.
+  bool isValid() const;
+  static ByteRange of(PDF_Vellum::PDFAcroform& sigDict);
+};
+
+class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
+ public:
+  static constexpr std::uint32_t kClassId = 0x92297ea3u;
+
+  PDFSealmarkVerifyImpl();
+
+  std::uint32_t getClassId() const override { return kClassId; }
+  icu::UnicodeString getClassName() const override;
+
+  void clear();
+  bool parse(PDF_Folio::CSigField* field);
+  bool getHasSigned() const { return hasParsed && sigDict != nullptr; }
+  bool verify() const;
+  bool getContents(std::ostream& out) const;
+
+  // Fields, in this order; the owning pointers are freed only by clear().
+  bool hasParsed = false;
+  std::int32_t pageNum = 0;
+  PDF_Folio::CSigField* sigPtr = nullptr;       // borrowed
+  PDF_Vellum::PDFAcroform* acroform = nullptr;  // borrowed
+  PDF_Vellum::PDFAcroform* sigDict = nullptr;   // owned
+  PDF_Vellum::PDFDocument* doc = nullptr;       // borrowed
+  PKCS7* pkcs7 = nullptr;                       // owned
+  PKCS7* tsPkcs7 = nullptr;                     // owned
+  std::vector<unsigned char> tsToken;
+  std::int32_t tsKind = kNoTimeStamp;
+
+ protected:
+  ~PDFSealmarkVerifyImpl() override;
+
+ private:
+  void findTimeStampToken();
+  std::int32_t findPage() const;
+};
+
+// An embedded (adbe.pkcs7.sha1) signature carries the digest of the signed
+// bytes as its content.  The content's length alone picks the algorithm.
+bool checkContentDigest(PKCS7* p7, const std::vector<unsigned char>& signedBytes);
+
+}  // namespace PDF_Sealmark
+
+#endif

@@ -1,0 +1,24 @@
+// The sealmark subcommands.  Each takes the arguments after its own name and
+// gives the process exit code: 0 all good, 1 something did not verify,
+// 2 bad usage or unreadable input.
+#ifndef SEALMARK_COMMANDS_H
+#define SEALMARK_COMMANDS_H
+
+#include <string>
+#include <vector>
+
+namespace sealmark {
+
+enum ExitCode { kExitOk = 0, kExitNotVerified = 1, kExitUsage = 2 };
+
+using Args = std::vector<std::string>;
+
+int runVerify(const Args& args);
+extern const char kVerifyHelp[];
+
+// One line on stderr: "sealmark: <what>: <reason>".
+void complain(const std::string& what, const std::string& reason);
+
+}  // namespace sealmark
+
+#endif

@@ -1,0 +1,59 @@
+// sealmark: check the digital signatures of PDF files from the command line.
+#include <cstring>
+#include <iostream>
+
+#include "commands.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: sealmark COMMAND [OPTIONS] ARGS...\n"
+    "\n"
+    "Checks the digital signatures of PDF files.\n"
+    "\n"
+    "commands:\n"
+    "  verify     check every signature field of PDF files\n"
+    "\n"
+    "Run 'sealmark COMMAND --help' for the options of a command.\n"
+    "\n"
+    "exit codes: 0 all good, 1 something did not verify, 2 bad usage or unreadable input\n";
+
+struct Command {
+  const char* name;
+  int (*run)(const sealmark::Args&);
+};
+
+const Command kCommands[] = {
+    {"verify", sealmark::runVerify},
+};
+
+}  // namespace
+
+namespace sealmark {
+
+void complain(const std::string& what, const std::string& reason) {
+  std::cerr << "sealmark: " << what << ": " << reason << std::endl;
+}
+
+}  // namespace sealmark
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::cerr << kUsage;
+    return sealmark::kExitUsage;
+  }
+  const std::string name = argv[1];
+  if (name == "--help" || name == "-h" || name == "help") {
+    std::cout << kUsage;
+    return sealmark::kExitOk;
+  }
+  if (name == "--version") {
+    std::cout << "sealmark 27.0.0\n";
+    return sealmark::kExitOk;
+  }
+  for (const Command& command : kCommands) {
+    if (name == command.name) return command.run(sealmark::Args(argv + 2, argv + argc));
+  }
+  sealmark::complain(name, "unknown command (see 'sealmark --help')");
+  return sealmark::kExitUsage;
+}

@@ -1,0 +1,91 @@
+#include "support/test_util.h"
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace sealtest {
+
+PDF_Folio::CSigField* OpenedPdf::field(const std::string& name) const {
+  for (auto* f : fields) {
+    if (f->getName() == name) return f;
+  }
+  return nullptr;
+}
+
+namespace {
+OpenedPdf finish(std::unique_ptr<PDF_Vellum::PDFDocument> doc, std::string error) {
+  OpenedPdf r;
+  r.doc = std::move(doc);
+  r.error = std::move(error);
+  if (r.doc) {
+    r.form = std::make_unique<PDF_Folio::CForm>(r.doc.get());
+    r.fields = r.form->getSigFields();
+  }
+  return r;
+}
+}  // namespace
+
+OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password) {
+  std::string why;
+  auto doc = PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, &why);
+  return finish(std::move(doc), why);
+}
+
+OpenedPdf openPdfFile(const std::string& path, const std::string& password) {
+  std::string why;
+  auto doc = PDF_Vellum::PDFDocument::open(path, password, &why);
+  return finish(std::move(doc), why);
+}
+
+std::string shellQuote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+CommandResult run(const std::string& commandLine) {
+  TempDir dir;
+  const std::string errFile = dir.file("stderr");
+  CommandResult r;
+  FILE* pipe = ::popen((commandLine + " 2>" + shellQuote(errFile)).c_str(), "r");
+  if (!pipe) throw std::runtime_error("popen failed");
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) r.out.append(buf, n);
+  const int status = ::pclose(pipe);
+  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  const auto err = readFile(errFile);
+  r.err.assign(err.begin(), err.end());
+  return r;
+}
+
+TempDir::TempDir() {
+  char tmpl[] = "/tmp/sealmark-test-XXXXXX";
+  if (!::mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  const std::string cmd = "rm -rf " + shellQuote(path_);
+  if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", path_.c_str());
+}
+
+std::string TempDir::write(const std::string& name, const std::vector<unsigned char>& bytes) const {
+  const std::string p = file(name);
+  std::ofstream out(p, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (!out) throw std::runtime_error("cannot write " + p);
+  return p;
+}
+
+std::vector<unsigned char> readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace sealtest
