@@ -826,13 +826,14 @@ Bytes PdfBuilder::build() {
   return std::move(m.out);
 }
 
-void PdfBuilder::writeFile(const std::string& path) {
-  Bytes b = build();
+void writeBytes(const std::string& path, const Bytes& data) {
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   if (!f) throw std::runtime_error("sealtest: cannot open " + path);
-  f.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+  f.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
   if (!f) throw std::runtime_error("sealtest: cannot write " + path);
 }
+
+void PdfBuilder::writeFile(const std::string& path) { writeBytes(path, build()); }
 
 const std::vector<SignatureFacts>& PdfBuilder::signatures() const { return impl_->facts; }
 const std::vector<std::size_t>& PdfBuilder::revisionEnds() const { return impl_->revisionEnds; }

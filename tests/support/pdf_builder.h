@@ -166,8 +166,8 @@ class PdfBuilder {
   PdfBuilder& tamperAt(std::size_t offset);  // flip a bit after signing
   PdfBuilder& tamperPageContent();           // flip a bit in page 0's text
 
-  Bytes build();
-  void writeFile(const std::string& path);
+  Bytes build();                            // rebuilds from scratch each call
+  void writeFile(const std::string& path);  // build() + writeBytes()
 
   // Valid after build().
   const std::vector<SignatureFacts>& signatures() const;
@@ -181,5 +181,6 @@ class PdfBuilder {
 };
 
 std::string digestName(Digest d);
+void writeBytes(const std::string& path, const Bytes& data);
 
 }  // namespace sealtest

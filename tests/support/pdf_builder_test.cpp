@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "pdf_builder.h"
 
@@ -45,9 +46,24 @@ std::string tempPath(const std::string& name) {
   return ::testing::TempDir() + "sealtest_" + std::to_string(getpid()) + "_" + name;
 }
 
-std::string writeTemp(PdfBuilder& b, const std::string& name) {
+// Files written by a test process are removed when it ends.
+class TempFiles : public ::testing::Environment {
+ public:
+  static std::vector<std::string>& paths() {
+    static std::vector<std::string> p;
+    return p;
+  }
+  void TearDown() override {
+    for (const std::string& p : paths()) std::remove(p.c_str());
+  }
+};
+const ::testing::Environment* const kTempFiles =
+    ::testing::AddGlobalTestEnvironment(new TempFiles);
+
+std::string writeTemp(const Bytes& file, const std::string& name) {
   std::string path = tempPath(name);
-  b.writeFile(path);
+  writeBytes(path, file);
+  TempFiles::paths().push_back(path);
   return path;
 }
 
@@ -158,7 +174,7 @@ TEST(PdfBuilderOracle, DetachedSignaturesVerifyForEveryDigestAndKeyType) {
       PdfBuilder b;
       b.pages(3).sign(o);
       Bytes file = b.build();
-      std::string path = writeTemp(b, std::string(p.label) + digestName(d) + ".pdf");
+      std::string path = writeTemp(file, std::string(p.label) + digestName(d) + ".pdf");
       expectQpdfClean(path);
       std::string out = pdfsig(path);
       EXPECT_NE(out.find(kValid), std::string::npos) << out;
@@ -198,7 +214,7 @@ TEST(PdfBuilderOracle, EmbeddedNoAttributesAndPaddedVariantsVerify) {
     if (c.padding) {
       EXPECT_GT(file.size(), c.padding);
     }
-    std::string path = writeTemp(b, std::string(c.name) + ".pdf");
+    std::string path = writeTemp(file, std::string(c.name) + ".pdf");
     expectQpdfClean(path);
     std::string out = pdfsig(path);
     EXPECT_NE(out.find(kValid), std::string::npos) << out;
@@ -211,9 +227,9 @@ TEST(PdfBuilderOracle, EmbeddedNoAttributesAndPaddedVariantsVerify) {
 
 TEST(PdfBuilderOracle, BrokenSignaturesAreRejected) {
   const Pki& pki = defaultPki();
-  auto notValid = [](PdfBuilder& b, const char* name, const char* expect) {
+  auto notValid = [](const Bytes& file, const char* name, const char* expect) {
     SCOPED_TRACE(name);
-    std::string path = writeTemp(b, std::string(name) + ".pdf");
+    std::string path = writeTemp(file, std::string(name) + ".pdf");
     expectQpdfClean(path);
     std::string out = pdfsig(path);
     EXPECT_NE(out.find("Signature #1"), std::string::npos) << out;
@@ -229,14 +245,14 @@ TEST(PdfBuilderOracle, BrokenSignaturesAreRejected) {
     // The flipped byte really is inside the first signed range.
     EXPECT_LT(b.pageContentOffset(), static_cast<std::size_t>(b.signatures()[0].byteRange[1]));
     EXPECT_EQ(file.at(b.pageContentOffset()), 'Q');  // "Page" -> "Qage"
-    notValid(b, "tampered", "Digest Mismatch");
+    notValid(file, "tampered", "Digest Mismatch");
   }
   {
     PdfBuilder b;
     SignatureOptions o;
     o.signer.signingKey = pki.unrelated.key.get();
     b.sign(o);
-    notValid(b, "wrongkey", "Signature is Invalid");
+    notValid(b.build(), "wrongkey", "Signature is Invalid");
   }
   {
     PdfBuilder b;
@@ -245,9 +261,9 @@ TEST(PdfBuilderOracle, BrokenSignaturesAreRejected) {
     o.rawContents = Bytes(text.begin(), text.end());
     b.sign(o);
     std::string raw;
-    contentsAsPkcs7(writeTemp(b, "raw.pdf"), "Signature1", &raw);
+    contentsAsPkcs7(writeTemp(b.build(), "raw.pdf"), "Signature1", &raw);
     EXPECT_EQ(raw.substr(0, text.size()), text);
-    notValid(b, "notpkcs7", nullptr);
+    notValid(b.build(), "notpkcs7", nullptr);
   }
   {
     PdfBuilder b;
@@ -255,7 +271,7 @@ TEST(PdfBuilderOracle, BrokenSignaturesAreRejected) {
     o.embeddedContent = Bytes(24, 0xAB);
     o.layout = Layout::EmbeddedSha1;
     b.sign(o);
-    notValid(b, "embedded24", nullptr);
+    notValid(b.build(), "embedded24", nullptr);
   }
 }
 
@@ -267,7 +283,7 @@ TEST(PdfBuilderOracle, IncrementalUpdatesKeepEarlierSignaturesValid) {
     PdfBuilder b;
     b.sign().sign(second).update({UpdateOptions::Kind::RewriteInfo, 0});
     Bytes file = b.build();
-    std::string path = writeTemp(b, "three-revisions.pdf");
+    std::string path = writeTemp(file, "three-revisions.pdf");
     expectQpdfClean(path);
     std::string out = pdfsig(path);
     EXPECT_EQ(count(out, kValid), 2u) << out;
@@ -288,7 +304,7 @@ TEST(PdfBuilderOracle, IncrementalUpdatesKeepEarlierSignaturesValid) {
     Bytes file = b.build();
     std::string tail = slurp(file, file.size() - 7, file.size());
     EXPECT_EQ(tail.substr(tail.find("%%EOF")), eol == Eol::Lf ? "%%EOF\n" : "%%EOF");
-    std::string path = writeTemp(b, "eol.pdf");
+    std::string path = writeTemp(file, "eol.pdf");
     expectQpdfClean(path);
     std::string out = pdfsig(path);
     EXPECT_NE(out.find(kValid), std::string::npos) << out;
@@ -306,7 +322,7 @@ TEST(PdfBuilderOracle, IncrementalUpdatesKeepEarlierSignaturesValid) {
     s.name = "Later";
     PdfBuilder b;
     b.unsignedField(f).sign().sign(s);
-    std::string path = writeTemp(b, "fill-later.pdf");
+    std::string path = writeTemp(b.build(), "fill-later.pdf");
     expectQpdfClean(path);
     std::string out = pdfsig(path);
     EXPECT_EQ(count(out, kValid), 2u) << out;
@@ -334,7 +350,7 @@ TEST(PdfBuilderOracle, FieldShapesAreWhatQpdfAndPopplerSee) {
   PdfBuilder b;
   b.pages(2).unsignedField(unsignedField).sign(nested).sign(noP).sign(orphan).sign(kids);
   Bytes file = b.build();
-  std::string path = writeTemp(b, "shapes.pdf");
+  std::string path = writeTemp(file, "shapes.pdf");
   expectQpdfClean(path);
   expectRevisionEnds(b, file);
   expectFactsMatchFile(b, file);
@@ -389,7 +405,7 @@ TEST(PdfBuilderOracle, Pkcs7ContentsMatchTheRequestedShape) {
     PdfBuilder b;
     b.sign(o);
     Bytes file = b.build();
-    std::string path = writeTemp(b, "cms.pdf");
+    std::string path = writeTemp(file, "cms.pdf");
     Pkcs7Ptr p7 = contentsAsPkcs7(path, "Signature1");
     ASSERT_TRUE(p7);
     ASSERT_TRUE(PKCS7_type_is_signed(p7.get()));
@@ -431,7 +447,7 @@ TEST(PdfBuilderOracle, Pkcs7ContentsMatchTheRequestedShape) {
     PdfBuilder b;
     b.sign(o);
     Bytes file = b.build();
-    std::string path = writeTemp(b, "cms2.pdf");
+    std::string path = writeTemp(file, "cms2.pdf");
     Pkcs7Ptr p7 = contentsAsPkcs7(path, "Signature1");
     ASSERT_TRUE(p7);
     const SignatureFacts& f = b.signatures().at(0);
@@ -460,7 +476,7 @@ TEST(PdfBuilderOracle, Pkcs7ContentsMatchTheRequestedShape) {
     o.certificates = std::vector<const X509*>{pki.ca.cert.get()};
     PdfBuilder b;
     b.sign(o);
-    Pkcs7Ptr p7 = contentsAsPkcs7(writeTemp(b, "nocert.pdf"), "Signature1");
+    Pkcs7Ptr p7 = contentsAsPkcs7(writeTemp(b.build(), "nocert.pdf"), "Signature1");
     ASSERT_TRUE(p7);
     ASSERT_EQ(sk_X509_num(p7->d.sign->cert), 1);
     EXPECT_EQ(X509_cmp(sk_X509_value(p7->d.sign->cert, 0), pki.ca.cert.get()), 0);
@@ -480,7 +496,7 @@ TEST(PdfBuilderOracle, ByteRangeOverridesAreWrittenVerbatim) {
     PdfBuilder b;
     Bytes file = b.sign(*o).build();
     EXPECT_EQ(file.size(), reference.size());  // same reserved space
-    std::string path = writeTemp(b, "br.pdf");
+    std::string path = writeTemp(file, "br.pdf");
     expectQpdfClean(path);
     QPDF q;
     q.processFile(path.c_str());
@@ -512,7 +528,7 @@ TEST(PdfBuilderOracle, EncryptedDocumentsVerifyWithPasswords) {
     PdfBuilder b;
     b.unsignedField(extra).sign().encrypt(c.user, "owner", c.kind);
     Bytes file = b.build();
-    std::string path = writeTemp(b, std::string(c.name) + ".pdf");
+    std::string path = writeTemp(file, std::string(c.name) + ".pdf");
     expectQpdfClean(path, c.user.empty() ? "owner" : c.user);
     // 0: a password is needed; 3: encrypted, empty user password works.
     EXPECT_EQ(run("qpdf --requires-password " + path).status, c.user.empty() ? 3 : 0);
