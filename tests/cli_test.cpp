@@ -33,15 +33,84 @@ class VerifyCommand : public ::testing::Test {
 sealtest::TempDir* VerifyCommand::dir_ = nullptr;
 std::string VerifyCommand::good_, VerifyCommand::tampered_, VerifyCommand::locked_, VerifyCommand::notPdf_;
 
+// Reads JSON with python3 and prints what `expression` (over `d`) gives.
+std::string jsonQuery(const std::string& json, const std::string& expression) {
+  sealtest::TempDir dir;
+  const std::string path = dir.write("out.json", sealtest::Bytes(json.begin(), json.end()));
+  return run("python3 -c " + shellQuote("import json,sys\nd=json.load(open(sys.argv[1]))\nprint(repr((" + expression + ")))") +
+             " " + shellQuote(path))
+      .out;
+}
+
 TEST_F(VerifyCommand, JsonForEveryField) {
   const auto r = run(sealmark("verify --json " + shellQuote(good_)));
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_EQ(r.out, "{\"file\": \"" + good_ +
-                       "\", \"signatures\": ["
-                       "{\"field\": \"Signature1\", \"page\": 1, \"filter\": \"/Adobe.PPKLite\", \"signed\": true, "
-                       "\"intact\": true}, "
-                       "{\"field\": \"Approval\", \"page\": 2, \"filter\": \"/Adobe.PPKLite\", \"signed\": true, "
-                       "\"intact\": true}]}\n");
+  EXPECT_EQ(jsonQuery(r.out, "d['file'], d['revisions']"), "('" + good_ + "', 2)\n");
+  EXPECT_EQ(jsonQuery(r.out,
+                      "[(s['field'], s['page'], s['filter'], s['signed'], s['intact'], s['revision'], "
+                      "s['covers_whole_document'], s['permission']) for s in d['signatures']]"),
+            "[('Signature1', 1, '/Adobe.PPKLite', True, True, 0, False, None), "
+            "('Approval', 2, '/Adobe.PPKLite', True, True, 1, True, None)]\n");
+}
+
+TEST_F(VerifyCommand, PermissionsAndUnsignedFields) {
+  sealtest::SignatureOptions certified;
+  certified.extraEntries = "/Reference [<< /TransformMethod /DocMDP /TransformParams << /P 2 /V /1.2 >> >>]";
+  sealtest::FieldOptions empty;
+  empty.name = "Later";
+  const std::string path = dir_->write("certified.pdf", sealtest::PdfBuilder().sign(certified).unsignedField(empty).build());
+  const auto r = run(sealmark("verify --json " + shellQuote(path)));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['signed'], s['intact'], s['revision'], s['permission']) "
+                             "for s in d['signatures']]"),
+            "[('Signature1', True, True, 0, {'P': 2, 'field_mdp': False}), ('Later', False, None, None, None)]\n");
+}
+
+TEST_F(VerifyCommand, ExtractSignedRevision) {
+  const std::string out = dir_->file("approval-signed.pdf");
+  auto r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Signature1 --output " + shellQuote(out)));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const auto whole = sealtest::readFile(good_);
+  const auto signedPart = sealtest::readFile(out);
+  ASSERT_FALSE(signedPart.empty());
+  ASSERT_LT(signedPart.size(), whole.size());
+  EXPECT_TRUE(std::equal(signedPart.begin(), signedPart.end(), whole.begin()));
+  // The signed revision is a PDF whose one signature covers all of it.
+  r = run(sealmark("verify --json " + shellQuote(out)));
+  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['intact'], s['covers_whole_document']) for s in d['signatures']]"),
+            "[('Signature1', True, True)]\n");
+
+  r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Nope --output " + shellQuote(out)));
+  EXPECT_EQ(r.exitCode, 2);
+  r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Signature1"));
+  EXPECT_EQ(r.exitCode, 2) << "--output is required";
+}
+
+TEST_F(VerifyCommand, Revisions) {
+  auto r = run(sealmark("revisions --json " + shellQuote(good_)));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const auto whole = sealtest::readFile(good_);
+  EXPECT_EQ(jsonQuery(r.out, "[(v['revision'], v['signed_by']) for v in d['revisions']], d['size']"),
+            "([(0, ['Signature1']), (1, ['Approval'])], " + std::to_string(whole.size()) + ")\n");
+  const std::string firstEnd = jsonQuery(r.out, "d['revisions'][0]['end']");
+
+  // Revision 0 is exactly the bytes up to and including the first "%%EOF\r\n".
+  const std::string out = dir_->file("rev0.pdf");
+  r = run(sealmark("revisions " + shellQuote(good_) + " --extract 0 --output " + shellQuote(out)));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const std::string text(whole.begin(), whole.end());
+  const std::size_t marker = text.find("%%EOF\r\n");
+  ASSERT_NE(marker, std::string::npos);
+  EXPECT_EQ(sealtest::readFile(out), sealtest::Bytes(whole.begin(), whole.begin() + static_cast<long>(marker + 7)));
+  EXPECT_EQ(firstEnd, std::to_string(marker + 7) + "\n");
+
+  for (const char* bad : {"2", "-1", "x", "1x"}) {
+    r = run(sealmark("revisions " + shellQuote(good_) + " --extract " + bad + " --output " + shellQuote(out)));
+    EXPECT_EQ(r.exitCode, 2) << bad;
+    EXPECT_NE(r.err.find("no revision"), std::string::npos) << r.err;
+  }
+  r = run(sealmark("revisions " + shellQuote(good_)));
+  EXPECT_NE(r.out.find("2 revisions"), std::string::npos) << r.out;
 }
 
 TEST_F(VerifyCommand, ExitCodes) {

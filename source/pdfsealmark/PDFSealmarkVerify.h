@@ -22,7 +22,10 @@
 #define PDFSEALMARK_PDFSEALMARKVERIFY_H
 
 #include <ostream>
+#include <string>
+#include <vector>
 
+#include "pdfsealmark/PDFCert.h"
 #include "pdfsealmark/PDFSealmarkExport.h"
 #include "pdfsealmark/outside/PDFFolio.h"
 #include "pdfsealmark/outside/PDFVellum.h"
@@ -62,6 +65,23 @@ class PDFSEALMARK_API PDFSealmarkVerify {
   bool verify() const;
   // Writes the raw bytes of /Contents, padding included.
   bool getContents(std::ostream& out) const;
+
+  // Writes the file from the start of the first signed range to the end of
+  // the second: the revision this signature signed, its own /Contents
+  // included.  Moves the document's read position.
+  bool getSignedVerPdf(std::ostream& out) const;
+  // What the signature lets change afterwards, from its /Reference entries:
+  // the last /TransformParams /P found (0 when none), and whether an entry
+  // without /P names /FieldMDP as its method.  False, with both arguments
+  // untouched, when there is no /Reference array.
+  bool getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const;
+
+  // Appends the certificates the signature carries, version 3 ones first,
+  // once per signer info.  Works after any parse, also one that failed late.
+  bool getCerts(std::vector<PDFCert>& certs) const;
+  // The signing time of the signed attributes as "YYYYMMDDHHMMSSZ", empty
+  // when there is none.
+  std::string getSignedDate() const;
 
   // Lends the implementation object; null only if it couldn't be made.
   PDFSealmarkVerifyImpl* getImpl() const { return impl_.get(); }

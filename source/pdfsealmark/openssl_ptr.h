@@ -9,6 +9,7 @@
 #include <memory>
 
 #include <openssl/bio.h>
+#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/ocsp.h>
 #include <openssl/pkcs12.h>
@@ -28,6 +29,8 @@ struct Deleter;
     void operator()(type* p) const { fn(p); } \
   };
 
+PDFSEALMARK_DEFINE_DELETER(ASN1_OBJECT, ASN1_OBJECT_free)
+PDFSEALMARK_DEFINE_DELETER(BIGNUM, BN_free)
 PDFSEALMARK_DEFINE_DELETER(BIO, BIO_free_all)
 PDFSEALMARK_DEFINE_DELETER(EVP_MD_CTX, EVP_MD_CTX_free)
 PDFSEALMARK_DEFINE_DELETER(EVP_PKEY, EVP_PKEY_free)

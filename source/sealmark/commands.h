@@ -15,6 +15,10 @@ using Args = std::vector<std::string>;
 
 int runVerify(const Args& args);
 extern const char kVerifyHelp[];
+int runRevisions(const Args& args);
+extern const char kRevisionsHelp[];
+int runCert(const Args& args);
+extern const char kCertHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

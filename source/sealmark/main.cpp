@@ -13,6 +13,8 @@ const char kUsage[] =
     "\n"
     "commands:\n"
     "  verify     check every signature field of PDF files\n"
+    "  revisions  list the revisions of a PDF file, or write one out\n"
+    "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -25,6 +27,8 @@ struct Command {
 
 const Command kCommands[] = {
     {"verify", sealmark::runVerify},
+    {"revisions", sealmark::runRevisions},
+    {"cert", sealmark::runCert},
 };
 
 }  // namespace

@@ -1,4 +1,5 @@
 // sealmark verify: every signature field of each file, with its verdict.
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -7,18 +8,22 @@
 
 #include "commands.h"
 #include "output.h"
-#include "pdfsealmark/PDFSealmarkVerify.h"
+#include "report.h"
 
 namespace sealmark {
 
 const char kVerifyHelp[] =
     "usage: sealmark verify [--password PW] [--json] FILE...\n"
+    "       sealmark verify [--password PW] FILE --extract-signed FIELD --output OUT\n"
     "\n"
     "Lists the signature fields of each PDF file and checks each signature\n"
     "over the bytes its /ByteRange names.\n"
     "\n"
     "  --password PW   password of encrypted files (user or owner)\n"
     "  --json          print JSON instead of a table\n"
+    "  --extract-signed FIELD\n"
+    "                  write the revision that FIELD's signature signed to OUT\n"
+    "  --output OUT    where --extract-signed writes\n"
     "  -h, --help      show this help\n"
     "\n"
     "exit codes: 0 every signed field is intact, 1 a signature is not intact,\n"
@@ -30,41 +35,15 @@ struct VerifyOptions {
   std::string password;
   bool json = false;
   std::vector<std::string> files;
+  std::string extractField;  // --extract-signed
+  std::string output;        // --output
 };
 
-// What one signature field tells.
-struct FieldReport {
-  std::string field;
-  std::optional<int> page;
-  std::optional<std::string> filter;
-  bool isSigned = false;
-  std::optional<bool> intact;
-};
-
-struct FileReport {
-  std::string file;
-  std::vector<FieldReport> fields;
-};
-
-FieldReport examine(PDF_Folio::CSigField* field) {
-  FieldReport r;
-  r.field = field->getName();
-  PDF_Sealmark::PDFSealmarkVerify v;
-  v.parse(field);
-  if (v.getPageNum() > 0) r.page = v.getPageNum();
-  if (PDF_Vellum::PDFAcroform* sigDict = v.getSigDict()) {
-    PDF_Vellum::PDFObject* filter = sigDict->getContents("/Filter");
-    if (filter && filter->getString()) {
-      r.filter = std::string(filter->getString(), static_cast<std::size_t>(filter->getLenth()));
-    }
-  }
-  r.isSigned = v.getHasSigned();
-  if (r.isSigned) r.intact = v.verify();
-  return r;
-}
-
-void printJson(const FileReport& report, JsonWriter& json) {
-  json.beginObject().key("file").value(report.file).key("signatures").beginArray();
+void printJson(const DocumentReport& report, JsonWriter& json) {
+  json.beginObject()
+      .key("file").value(report.file)
+      .key("revisions").value(report.versions->getMaxNum() + 1)
+      .key("signatures").beginArray();
   for (const FieldReport& f : report.fields) {
     json.beginObject()
         .key("field").value(f.field)
@@ -72,23 +51,43 @@ void printJson(const FileReport& report, JsonWriter& json) {
         .key("filter").value(f.filter)
         .key("signed").value(f.isSigned)
         .key("intact").value(f.intact)
-        .endObject();
+        .key("revision").value(f.revision)
+        .key("covers_whole_document").value(f.coversWholeDocument)
+        .key("permission");
+    if (f.permission) {
+      json.beginObject().key("P").value(f.permission->p).key("field_mdp").value(f.permission->fieldMdp).endObject();
+    } else {
+      json.null();
+    }
+    json.endObject();
   }
   json.endArray().endObject();
 }
 
-void printTable(const FileReport& report, std::ostream& out) {
-  out << report.file << ": ";
+std::string permissionText(const std::optional<PermissionReport>& p) {
+  if (!p) return "-";
+  static const char* const kNames[] = {"none", "no changes", "form filling", "annotations"};
+  std::string text = p->p >= 0 && p->p <= 3 ? kNames[p->p] : "P=" + std::to_string(p->p);
+  if (p->fieldMdp) text += ", field lock";
+  return text;
+}
+
+void printTable(const DocumentReport& report, std::ostream& out) {
+  const int revisions = report.versions->getMaxNum() + 1;
+  out << report.file << ": " << revisions << " revision" << (revisions == 1 ? "" : "s") << ", ";
   if (report.fields.empty()) {
     out << "no signature fields\n";
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "FILTER", "SIGNED", "INTACT"});
+  Table table({"#", "FIELD", "PAGE", "FILTER", "SIGNED", "INTACT", "REVISION", "WHOLE FILE", "PERMITS"});
   int n = 0;
   for (const FieldReport& f : report.fields) {
     table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", f.filter.value_or("-"),
-                  f.isSigned ? "yes" : "no", !f.intact ? "-" : *f.intact ? "yes" : "NO"});
+                  f.isSigned ? "yes" : "no", !f.intact ? "-" : *f.intact ? "yes" : "NO",
+                  f.revision ? std::to_string(*f.revision) : "-",
+                  !f.coversWholeDocument ? "-" : *f.coversWholeDocument ? "yes" : "no",
+                  permissionText(f.permission)});
   }
   table.print(out, "  ");
 }
@@ -112,6 +111,13 @@ bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
       opts.password = args[++i];
     } else if (a.rfind("--password=", 0) == 0) {
       opts.password = a.substr(11);
+    } else if (a == "--extract-signed" || a == "--output") {
+      if (i + 1 == args.size()) {
+        complain("verify", a + " needs a value");
+        exitCode = kExitUsage;
+        return false;
+      }
+      (a == "--output" ? opts.output : opts.extractField) = args[++i];
     } else if (a == "--") {
       opts.files.insert(opts.files.end(), args.begin() + static_cast<long>(i) + 1, args.end());
       break;
@@ -128,7 +134,47 @@ bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
     exitCode = kExitUsage;
     return false;
   }
+  if (opts.extractField.empty() != opts.output.empty() || (!opts.extractField.empty() && opts.files.size() != 1)) {
+    complain("verify", "--extract-signed FIELD needs --output OUT and exactly one FILE");
+    exitCode = kExitUsage;
+    return false;
+  }
   return true;
+}
+
+// Writes the revision that the named field's signature signed.
+int extractSigned(const VerifyOptions& opts) {
+  const std::string& file = opts.files.front();
+  std::string why;
+  auto doc = PDF_Vellum::PDFDocument::open(file, opts.password, &why);
+  if (!doc) {
+    complain(file, why);
+    return kExitUsage;
+  }
+  PDF_Folio::CForm form(doc.get());
+  for (PDF_Folio::CSigField* field : form.getSigFields()) {
+    if (field->getName() != opts.extractField) continue;
+    PDF_Sealmark::PDFSealmarkVerify v;
+    v.parse(field);
+    std::ofstream out(opts.output, std::ios::binary);
+    if (!out) {
+      complain(opts.output, "cannot write");
+      return kExitUsage;
+    }
+    if (!v.getSignedVerPdf(out)) {
+      complain(file, "field " + opts.extractField + " has no signed revision");
+      return kExitNotVerified;
+    }
+    out.close();
+    if (!out) {
+      complain(opts.output, "write failed");
+      return kExitUsage;
+    }
+    std::cout << "wrote " << opts.output << "\n";
+    return kExitOk;
+  }
+  complain(file, "no signature field named " + opts.extractField);
+  return kExitUsage;
 }
 
 }  // namespace
@@ -137,21 +183,18 @@ int runVerify(const Args& args) {
   VerifyOptions opts;
   int exitCode = kExitOk;
   if (!parseArgs(args, opts, exitCode)) return exitCode;
+  if (!opts.extractField.empty()) return extractSigned(opts);
 
-  std::vector<FileReport> reports;
+  std::vector<std::unique_ptr<DocumentReport>> reports;
   for (const std::string& file : opts.files) {
     std::string why;
-    auto doc = PDF_Vellum::PDFDocument::open(file, opts.password, &why);
-    if (!doc) {
+    auto report = examineDocument(file, opts.password, /*verify=*/true, &why);
+    if (!report) {
       complain(file, why);
       exitCode = kExitUsage;
       continue;
     }
-    FileReport report{file, {}};
-    PDF_Folio::CForm form(doc.get());
-    for (PDF_Folio::CSigField* field : form.getSigFields()) {
-      report.fields.push_back(examine(field));
-      const FieldReport& f = report.fields.back();
+    for (const FieldReport& f : report->fields) {
       if (f.intact && !*f.intact && exitCode == kExitOk) exitCode = kExitNotVerified;
     }
     reports.push_back(std::move(report));
@@ -160,11 +203,11 @@ int runVerify(const Args& args) {
   if (opts.json) {
     JsonWriter json(std::cout);
     if (opts.files.size() > 1) json.beginArray();
-    for (const FileReport& r : reports) printJson(r, json);
+    for (const auto& r : reports) printJson(*r, json);
     if (opts.files.size() > 1) json.endArray();
     if (!reports.empty() || opts.files.size() > 1) std::cout << "\n";
   } else {
-    for (const FileReport& r : reports) printTable(r, std::cout);
+    for (const auto& r : reports) printTable(*r, std::cout);
   }
   return exitCode;
 }

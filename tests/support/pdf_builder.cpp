@@ -94,7 +94,7 @@ struct PdfBuilder::Impl {
 
   // ---- model, valid during build ----
   enum class Kind { Catalog, Pages, AcroForm, Font, Info, Page, Content, Padding,
-                    Field, Widget, Sig, Annot };
+                    Field, Widget, Sig, Annot, Raw };
   struct ObjInfo {
     Kind kind;
     int index;
@@ -119,7 +119,9 @@ struct PdfBuilder::Impl {
     int field = -1;
     std::size_t revision = 0;
     std::size_t brPos = 0, brWidth = 0, cPos = 0, cLen = 0;
+    std::vector<int> extraObjs;  // object numbers of opts.extraObjects
   };
+  std::vector<std::string> rawBodies;
   std::map<int, ObjInfo> objects;
   int nextObj = 1;
   int paddingObj = 0;
@@ -159,6 +161,7 @@ struct PdfBuilder::Impl {
     fields.clear();
     topFields.clear();
     sigs.clear();
+    rawBodies.clear();
     annotPage.clear();
     infoRevision = 0;
     currentRevision = 0;
@@ -267,6 +270,10 @@ struct PdfBuilder::Impl {
     sigs.push_back(s);
     int si = static_cast<int>(sigs.size() - 1);
     if (!o.directValue) sigs.back().obj = alloc(Kind::Sig, si);
+    for (const std::string& body : o.extraObjects) {
+      rawBodies.push_back(body);
+      sigs.back().extraObjs.push_back(alloc(Kind::Raw, static_cast<int>(rawBodies.size() - 1)));
+    }
     fields[static_cast<std::size_t>(f)].sig = si;
     dirty.insert(fields[static_cast<std::size_t>(f)].obj);
   }
@@ -331,6 +338,15 @@ struct PdfBuilder::Impl {
     put("<< /Type /Sig /Filter /" + o.filter + " /SubFilter /" + sub + " ");
     if (!o.signingTime.empty() && !noSigStrings)
       put("/M " + pdfString(o.signingTime) + " ");
+    if (!o.extraEntries.empty()) {
+      std::string extra = o.extraEntries;
+      for (std::size_t i = 0; i < s.extraObjs.size(); ++i) {
+        const std::string mark = "{" + std::to_string(i) + "}";
+        for (std::size_t at; (at = extra.find(mark)) != std::string::npos;)
+          extra.replace(at, mark.size(), ref(s.extraObjs[i]));
+      }
+      put(extra + " ");
+    }
     s.brWidth = std::max(kByteRangeWidth, o.byteRangeText ? o.byteRangeText->size() : 0);
     if (o.omitByteRange) {
       // Same footprint as the key and its value, but only blanks.
@@ -452,6 +468,9 @@ struct PdfBuilder::Impl {
       }
       case Kind::Sig:
         putSigDict(sigs[static_cast<std::size_t>(info.index)]);
+        break;
+      case Kind::Raw:
+        put(rawBodies[static_cast<std::size_t>(info.index)]);
         break;
       case Kind::Annot:
         put("<< /Type /Annot /Subtype /Text /Rect [100 100 120 120] "

@@ -123,6 +123,10 @@ struct SignatureOptions : FieldOptions {
   std::optional<std::string> byteRangeText; // verbatim value of /ByteRange
   bool omitByteRange = false;            // no /ByteRange key (space still kept)
   bool incremental = false;              // first signature: put it in an update
+  // Written verbatim into the signature dictionary (e.g. a /Reference
+  // array).  "{0}", "{1}", ... stand for references to extraObjects.
+  std::string extraEntries;
+  std::vector<std::string> extraObjects;  // bodies of further indirect objects
 };
 
 struct UpdateOptions {

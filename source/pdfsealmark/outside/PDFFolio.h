@@ -25,8 +25,9 @@
 namespace PDF_Folio {
 
 // What a certification signature lets change after it, as the /P value of
-// its DocMDP transform parameters; 0 when no value was found.
-enum PL_VerifyDocPerm {
+// its DocMDP transform parameters; 0 when no value was found.  Any other
+// number a file holds is kept as it stands.
+enum PL_VerifyDocPerm : int {
   PL_VERIFY_PERM_NONE = 0,
   PL_VERIFY_PERM_NO_CHANGES = 1,
   PL_VERIFY_PERM_FORM_FILL = 2,

@@ -131,7 +131,7 @@ class PDFSEALMARK_API PDFBoolean : public PDFObject {
 class PDFSEALMARK_API PDFNumeric : public PDFObject {
  public:
   explicit PDFNumeric(long long value) : int_(value), real_(static_cast<double>(value)), isInt_(true) {}
-  explicit PDFNumeric(double value) : int_(static_cast<long long>(value)), real_(value), isInt_(false) {}
+  explicit PDFNumeric(double value) : int_(truncate(value)), real_(value), isInt_(false) {}
   static ObjType getStaticType() { return kPDFNumeric; }
   ObjType getType() const override { return kPDFNumeric; }
   // A real answers its value truncated toward zero.
@@ -140,6 +140,13 @@ class PDFSEALMARK_API PDFNumeric : public PDFObject {
   bool isInteger() const { return isInt_; }
 
  private:
+  // Toward zero, saturating; not-a-number gives 0.  A file may hold any real.
+  static long long truncate(double v) {
+    if (!(v == v)) return 0;
+    if (v >= 9.2e18) return 9200000000000000000LL;
+    if (v <= -9.2e18) return -9200000000000000000LL;
+    return static_cast<long long>(v);
+  }
   long long int_;
   double real_;
   bool isInt_;

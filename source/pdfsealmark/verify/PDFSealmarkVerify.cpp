@@ -30,3 +30,15 @@ bool PDFSealmarkVerify::getContents(std::ostream& out) const {
 }
 
 }  // namespace PDF_Sealmark
+
+namespace PDF_Sealmark {
+
+bool PDFSealmarkVerify::getSignedVerPdf(std::ostream& out) const {
+  return impl_ ? impl_->getSignedVerPdf(out) : false;
+}
+
+bool PDFSealmarkVerify::getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const {
+  return impl_ ? impl_->getPermission(permission, isFieldMdp) : false;
+}
+
+}  // namespace PDF_Sealmark

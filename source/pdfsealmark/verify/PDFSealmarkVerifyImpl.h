@@ -4,10 +4,12 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 #include <vector>
 
 #include <openssl/pkcs7.h>
 
+#include "pdfsealmark/PDFCert.h"
 #include "pdfsealmark/outside/PDFFolio.h"
 #include "pdfsealmark/outside/PDFVellum.h"
 #include "pdfsealmark/outside/TesseraCommon.h"
@@ -49,6 +51,10 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
   bool getHasSigned() const { return hasParsed && sigDict != nullptr; }
   bool verify() const;
   bool getContents(std::ostream& out) const;
+  bool getCerts(std::vector<PDFCert>& certs) const;  // signer_info.cpp
+  std::string getSignedDate() const;                  // signer_info.cpp
+  bool getSignedVerPdf(std::ostream& out) const;
+  bool getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const;
 
   // Fields, in this order; the owning pointers are freed only by clear().
   bool hasParsed = false;

@@ -1,0 +1,144 @@
+// One X.509 certificate, with or without its private key.
+//
+// PDFCert is how a certificate passes in and out of the library: the
+// verifier hands out the certificates of a signature in it, and the caller
+// loads one from a file, reads its fields as text, and signs with the
+// OpenSSL objects it lends.
+//
+//   std::ifstream in("signer.p12", std::ios::binary);
+//   PDF_Sealmark::PDFCert cert;
+//   if (cert.loadPkcs12(in, "secret")) {
+//     std::vector<std::string> oids, values;
+//     cert.getSubject(oids, values);                  // values in code page 932
+//     auto* x509 = reinterpret_cast<X509*>(cert.getX509());      // borrowed
+//     auto* key = reinterpret_cast<EVP_PKEY*>(cert.getPKey());   // borrowed
+//   }
+//
+// A PDFCert is a value: copies share one implementation object, so a copy
+// costs two reference counts, and a load on one copy is seen through all of
+// them.  Assigning another PDFCert separates them again.  An object and its
+// copies belong to one thread at a time.
+//
+// Text comes out in code page 932: a UTF8String of the certificate is
+// converted to CP932, every other string type is handed out byte for byte.
+// Dates are "YYYYMMDDHHMMSSZ" texts with a four-digit year; hex texts are
+// upper case with no separators.
+#ifndef PDFSEALMARK_PDFCERT_H
+#define PDFSEALMARK_PDFCERT_H
+
+#include <cstdint>
+#include <istream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "pdfsealmark/PDFSealmarkExport.h"
+#include "pdfsealmark/outside/TesseraCommon.h"
+
+namespace PDF_Sealmark {
+
+class PDFCertImpl;
+class PDFCertWinImpl;
+class PDFSealmarkVerifyImpl;
+class PDFCertWinStoreImpl;
+
+class PDFSEALMARK_API PDFCert {
+ public:
+  // An OpenSSL object lent or handed out as a pointer-width number, so that
+  // this interface shows no OpenSSL type.  Cast it back with
+  // reinterpret_cast<X509*> or reinterpret_cast<EVP_PKEY*>.
+  using Handle = std::uintptr_t;
+
+  // An empty certificate object; fill it with a load.
+  PDFCert();
+  // Shares other's implementation objects; copies no certificate data.
+  PDFCert(const PDFCert& other);
+  virtual ~PDFCert();
+  void operator=(const PDFCert& other);
+
+  // --- OpenSSL objects ------------------------------------------------------
+  // The X509* held, borrowed: valid while this object (or a copy) holds it,
+  // never to be freed by the caller.  0 when there is none.
+  Handle getX509() const;
+  // A new copy of the X509* that the caller owns and frees with X509_free.
+  // 0 when there is none.
+  Handle getdupX509() const;
+  // The EVP_PKEY* of the private key, borrowed like getX509.  0 without key.
+  Handle getPKey() const;
+
+  // State of the last revocation check: 0 none settled, 1 by a CRL, 2 by
+  // OCSP, 3 no usable answer (also when the object couldn't be made).
+  int getValid();
+  // The raw version field: 0 for version 1, 2 for version 3.
+  int getVersion() const;
+  // True when the platform holds a context for the certificate, so that it
+  // can be shown through the platform.  True after a successful load.
+  bool isWindowsCert();
+  // Shows the platform's certificate dialog; does nothing where there is none.
+  void display(void* parentWindow) const;
+
+  // --- fields ---------------------------------------------------------------
+  // The attributes of the subject (issuer) name in stored order: numeric
+  // object identifiers in keys, values in values.  Both lists are emptied
+  // first; false when no certificate is held.
+  bool getSubject(std::vector<std::string>& keys, std::vector<std::string>& values) const;
+  bool getIssuer(std::vector<std::string>& keys, std::vector<std::string>& values) const;
+  // OpenSSL's short and long name of a numeric object identifier: "CN" and
+  // "commonName" for 2.5.4.3, "UNDEF" and "undefined" when unknown, both
+  // empty for an empty oid.
+  void getOidName(const std::string& oid, std::string& shortName, std::string& longName) const;
+  // The serial number's bytes read as a 32-bit number (a 4-byte serial with
+  // its top bit set comes out negative).  Throws std::overflow_error for a
+  // serial longer than 4 bytes: use getSerialHex for arbitrary certificates.
+  long getSerial() const;
+  // The serial number as hex text, of any length.
+  std::string getSerialHex() const;
+  // The SHA-1 of the certificate's DER as 40 hex digits; false (and hex
+  // untouched) when there is no certificate.
+  bool getHashHex(std::string& hex) const;
+  std::string getNotBefore() const;
+  std::string getNotAfter() const;
+  // The subjectPublicKey bits as hex (for RSA the DER RSAPublicKey).
+  std::string getPublicKey() const;
+  // Long names, such as "rsaEncryption" and "sha256WithRSAEncryption".
+  std::string getPublicKeyAlgorithm() const;
+  std::string getSignAlgorithm() const;
+  // 0 for every certificate.
+  int getKeyType() const;
+  // OpenSSL's keyUsage bits (KU_DIGITAL_SIGNATURE 0x80 ... KU_DECIPHER_ONLY
+  // 0x8000); 0 without a keyUsage extension.
+  int getKeyUsage() const;
+  // True when the moment lies in [notBefore, notAfter).  The time is a date
+  // text "YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM|+HH|-HH]" of at least 10 characters
+  // (a shorter one throws std::out_of_range); null, or a date that can't be
+  // represented, means now.
+  bool isValid(const char* time);
+
+  // --- files ----------------------------------------------------------------
+  // Reads a certificate from the whole stream (from its first byte, wherever
+  // it stands).  der true accepts DER, then PEM; false accepts PEM only.  An
+  // empty or unreadable stream leaves the object as it was; once the bytes
+  // are read, the old certificate and key are gone, even if parsing fails.
+  bool loadX509(std::istream& in, bool der);
+  // Writes the certificate as DER or PEM.  False when none is held.
+  bool saveX509(std::ostream& out, bool der) const;
+  // Reads a PKCS#12 file: certificate, private key, further certificates.
+  // A null or empty password gives false without reading.
+  bool loadPkcs12(std::istream& in, const char* password);
+  // Writes certificate, key and further certificates as PKCS#12.  Needs the
+  // private key and a non-empty password; name may be empty, not null.
+  bool savePkcs12(std::ostream& out, const char* password, const char* name) const;
+
+ private:
+  friend class PDFCertImpl;
+  friend class PDFCertWinImpl;
+  friend class PDFSealmarkVerifyImpl;
+  friend class PDFCertWinStoreImpl;
+
+  TesseraCommon::TSSmartPtr<PDFCertImpl> impl;
+  TesseraCommon::TSSmartPtr<PDFCertWinImpl> winImpl;
+};
+
+}  // namespace PDF_Sealmark
+
+#endif
