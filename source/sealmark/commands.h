@@ -19,6 +19,8 @@ int runRevisions(const Args& args);
 extern const char kRevisionsHelp[];
 int runCert(const Args& args);
 extern const char kCertHelp[];
+int runTimestamp(const Args& args);
+extern const char kTimestampHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

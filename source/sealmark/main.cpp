@@ -15,6 +15,7 @@ const char kUsage[] =
     "  verify     check every signature field of PDF files\n"
     "  revisions  list the revisions of a PDF file, or write one out\n"
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
+    "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -29,6 +30,7 @@ const Command kCommands[] = {
     {"verify", sealmark::runVerify},
     {"revisions", sealmark::runRevisions},
     {"cert", sealmark::runCert},
+    {"timestamp", sealmark::runTimestamp},
 };
 
 }  // namespace

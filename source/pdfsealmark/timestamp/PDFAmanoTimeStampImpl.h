@@ -1,0 +1,39 @@
+// Internal: the Amano service client behind PDFAmanoTimeStamp.
+//
+// It holds the settings; the binding to the service's closed library isn't
+// part of this build, so no token can be had yet.
+#ifndef PDFSEALMARK_TIMESTAMP_PDFAMANOTIMESTAMPIMPL_H
+#define PDFSEALMARK_TIMESTAMP_PDFAMANOTIMESTAMPIMPL_H
+
+#include <string>
+#include <vector>
+
+namespace PDF_Sealmark {
+
+class PDFAmanoTimeStampImpl {
+ public:
+  PDFAmanoTimeStampImpl(const std::string& serviceAddress, const std::string& accountFile,
+                        const std::string& password);
+  virtual ~PDFAmanoTimeStampImpl();
+  PDFAmanoTimeStampImpl(const PDFAmanoTimeStampImpl&) = delete;
+  PDFAmanoTimeStampImpl& operator=(const PDFAmanoTimeStampImpl&) = delete;
+
+  // Empties token; false.
+  bool LeImplementts(std::vector<unsigned char>& token, const std::vector<unsigned char>& data,
+                     const std::vector<unsigned char>& digest, const std::vector<unsigned char>& nonce) const;
+  // Nothing.
+  void OnImplementts() const {}
+
+  const std::string& getServiceAddress() const { return serviceAddress; }
+  const std::string& getAccountFile() const { return accountFile; }
+  const std::string& getPassword() const { return password; }
+
+ private:
+  std::string serviceAddress;
+  std::string accountFile;
+  std::string password;
+};
+
+}  // namespace PDF_Sealmark
+
+#endif
