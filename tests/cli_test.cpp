@@ -53,6 +53,41 @@ TEST_F(VerifyCommand, JsonForEveryField) {
             "('Approval', 2, '/Adobe.PPKLite', True, True, 1, True, None)]\n");
 }
 
+TEST_F(VerifyCommand, SignerCertificateAndSigningTime) {
+  sealtest::CertOptions caOptions;
+  caOptions.commonName = "Sealmark Test CA";
+  const sealtest::Identity ca = sealtest::makeCa(caOptions);
+  sealtest::CertOptions signerOptions;
+  signerOptions.commonName = "\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E";  // 山田太郎
+  signerOptions.serial = 0x1234567;
+  const sealtest::Identity signer = sealtest::makeSigner(ca, signerOptions);
+  sealtest::SignatureOptions o;
+  o.signer.identity = &signer;
+  o.certificates = std::vector<const X509*>{ca.cert.get(), signer.cert.get()};
+  const std::string path = dir_->write("yamada.pdf", sealtest::PdfBuilder().sign(o).build());
+  const std::string certPath = dir_->write("yamada.der", signer.certDer());
+
+  const auto r = run(sealmark("verify --json " + shellQuote(path)));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  // The signer is the certificate that issued no other, whatever the order.
+  EXPECT_EQ(jsonQuery(r.out, "[a[1] for a in (lambda s: s['certificates'][s['signer']])(d['signatures'][0])['subject'] "
+                             "if a[0] == '2.5.4.3']"),
+            "['\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E']\n");
+  const std::string fingerprint =
+      run("openssl x509 -inform DER -noout -fingerprint -sha1 -in " + shellQuote(certPath) + " | sed 's/.*=//; s/://g'").out;
+  EXPECT_EQ(jsonQuery(r.out, "(lambda s: s['certificates'][s['signer']]['sha1'])(d['signatures'][0])"),
+            "'" + fingerprint.substr(0, 40) + "'\n");
+  EXPECT_EQ(jsonQuery(r.out, "(lambda s: s['certificates'][s['signer']]['serial'])(d['signatures'][0])"), "'01234567'\n");
+  EXPECT_EQ(jsonQuery(r.out, "len(d['signatures'][0]['certificates'])"), "2\n");
+  // OpenSSL put the signing time in the signed attributes as it signed.
+  EXPECT_EQ(jsonQuery(r.out, "abs(__import__('calendar').timegm(__import__('time').strptime("
+                             "d['signatures'][0]['signing_time'], '%Y%m%d%H%M%SZ')) - __import__('time').time()) < 600"),
+            "True\n");
+
+  const auto table = run(sealmark("verify " + shellQuote(path)));
+  EXPECT_NE(table.out.find("\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E"), std::string::npos) << table.out;
+}
+
 TEST_F(VerifyCommand, PermissionsAndUnsignedFields) {
   sealtest::SignatureOptions certified;
   certified.extraEntries = "/Reference [<< /TransformMethod /DocMDP /TransformParams << /P 2 /V /1.2 >> >>]";

@@ -1,6 +1,4 @@
 // sealmark cert show: the fields of one certificate file.
-#include <unicode/unistr.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -12,6 +10,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "cert_report.h"
 #include "pdfsealmark/PDFCert.h"
 
 namespace sealmark {
@@ -38,102 +37,10 @@ struct CertOptions {
   std::string file;
 };
 
-// keyUsage bits as OpenSSL caches them (RFC 5280, 4.2.1.3 names).
-const std::pair<int, const char*> kKeyUsageBits[] = {
-    {0x0080, "digitalSignature"}, {0x0040, "nonRepudiation"}, {0x0020, "keyEncipherment"},
-    {0x0010, "dataEncipherment"}, {0x0008, "keyAgreement"},   {0x0004, "keyCertSign"},
-    {0x0002, "cRLSign"},          {0x0001, "encipherOnly"},   {0x8000, "decipherOnly"},
-};
-
-// The library hands names out in code page 932; the terminal and JSON want
-// UTF-8.
-std::string cp932ToUtf8(const std::string& bytes) {
-  const icu::UnicodeString text(bytes.data(), static_cast<int32_t>(bytes.size()), "CP932");
-  std::string utf8;
-  text.toUTF8String(utf8);
-  return utf8;
-}
-
-struct Attribute {
-  std::string oid;
-  std::string label;  // OpenSSL's short name, or the oid when it has none
-  std::string value;  // UTF-8
-};
-
-struct CertReport {
-  int version = 0;
-  std::vector<Attribute> subject, issuer;
-  std::string serial, sha1, notBefore, notAfter, keyAlgorithm, signatureAlgorithm;
-  std::optional<std::vector<std::string>> keyUsage;  // none without the extension
-};
-
-std::vector<Attribute> attributes(const PDF_Sealmark::PDFCert& cert, const std::vector<std::string>& oids,
-                                  const std::vector<std::string>& values) {
-  std::vector<Attribute> out;
-  for (std::size_t i = 0; i < oids.size() && i < values.size(); ++i) {
-    std::string shortName, longName;
-    cert.getOidName(oids[i], shortName, longName);
-    const bool known = !shortName.empty() && shortName != "UNDEF";
-    out.push_back({oids[i], known ? shortName : oids[i], cp932ToUtf8(values[i])});
-  }
-  return out;
-}
-
-CertReport describe(const PDF_Sealmark::PDFCert& cert) {
-  CertReport r;
-  r.version = cert.getVersion() + 1;
-  std::vector<std::string> oids, values;
-  cert.getSubject(oids, values);
-  r.subject = attributes(cert, oids, values);
-  cert.getIssuer(oids, values);
-  r.issuer = attributes(cert, oids, values);
-  r.serial = cert.getSerialHex();
-  cert.getHashHex(r.sha1);
-  r.notBefore = cert.getNotBefore();
-  r.notAfter = cert.getNotAfter();
-  r.keyAlgorithm = cert.getPublicKeyAlgorithm();
-  r.signatureAlgorithm = cert.getSignAlgorithm();
-  if (const int usage = cert.getKeyUsage()) {
-    r.keyUsage.emplace();
-    for (const auto& bit : kKeyUsageBits) {
-      if (usage & bit.first) r.keyUsage->push_back(bit.second);
-    }
-  }
-  return r;
-}
-
-void printNameJson(JsonWriter& json, const std::vector<Attribute>& name) {
-  json.beginArray();
-  for (const Attribute& a : name) json.beginArray().value(a.oid).value(a.value).endArray();
-  json.endArray();
-}
-
 void printJson(const std::string& file, const CertReport& r, std::ostream& out) {
   JsonWriter json(out);
-  json.beginObject().key("file").value(file).key("version").value(r.version).key("subject");
-  printNameJson(json, r.subject);
-  json.key("issuer");
-  printNameJson(json, r.issuer);
-  json.key("serial")
-      .value(r.serial)
-      .key("sha1")
-      .value(r.sha1)
-      .key("not_before")
-      .value(r.notBefore)
-      .key("not_after")
-      .value(r.notAfter)
-      .key("key_algorithm")
-      .value(r.keyAlgorithm)
-      .key("signature_algorithm")
-      .value(r.signatureAlgorithm)
-      .key("key_usage");
-  if (r.keyUsage) {
-    json.beginArray();
-    for (const std::string& u : *r.keyUsage) json.value(u);
-    json.endArray();
-  } else {
-    json.null();
-  }
+  json.beginObject().key("file").value(file);
+  writeCertFields(json, r);
   json.endObject();
   out << "\n";
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cert_report.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/PDFSealmarkVersion.h"
 
@@ -24,11 +25,17 @@ struct FieldReport {
   std::optional<std::string> filter;
   bool isSigned = false;
   std::optional<bool> intact;
-  // End of the signed bytes, when the byte range is valid.
+  // The byte range, when it is valid, and the end of the signed bytes.
+  std::optional<std::vector<long>> byteRange;
   std::optional<long long> signedEnd;
   std::optional<int> revision;              // whose end equals signedEnd
   std::optional<bool> coversWholeDocument;  // signedEnd is the end of the file
   std::optional<PermissionReport> permission;
+  std::optional<std::string> signingTime;  // "YYYYMMDDHHMMSSZ"
+  // The certificates the signature carries, each once; signer is the index
+  // of the one that issued no other of them (the end of the chain).
+  std::vector<CertReport> certificates;
+  std::optional<std::size_t> signer;
 };
 
 // An opened document with its fields and its revision index.

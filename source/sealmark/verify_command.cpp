@@ -51,7 +51,16 @@ void printJson(const DocumentReport& report, JsonWriter& json) {
         .key("filter").value(f.filter)
         .key("signed").value(f.isSigned)
         .key("intact").value(f.intact)
-        .key("revision").value(f.revision)
+        .key("signing_time").value(f.signingTime)
+        .key("byte_range");
+    if (f.byteRange) {
+      json.beginArray();
+      for (long n : *f.byteRange) json.value(static_cast<std::int64_t>(n));
+      json.endArray();
+    } else {
+      json.null();
+    }
+    json.key("revision").value(f.revision)
         .key("covers_whole_document").value(f.coversWholeDocument)
         .key("permission");
     if (f.permission) {
@@ -59,9 +68,26 @@ void printJson(const DocumentReport& report, JsonWriter& json) {
     } else {
       json.null();
     }
+    json.key("signer").value(f.signer ? std::optional<int>(static_cast<int>(*f.signer)) : std::nullopt);
+    json.key("certificates").beginArray();
+    for (const CertReport& c : f.certificates) {
+      json.beginObject();
+      writeCertFields(json, c);
+      json.endObject();
+    }
+    json.endArray();
     json.endObject();
   }
   json.endArray().endObject();
+}
+
+// "20240315120000Z" as "2024-03-15 12:00:00Z".
+std::string displayTime(const std::optional<std::string>& t) {
+  if (!t) return "-";
+  const std::string& s = *t;
+  if (s.size() != 15) return s;
+  return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6, 2) + " " + s.substr(8, 2) + ":" + s.substr(10, 2) +
+         ":" + s.substr(12, 2) + "Z";
 }
 
 std::string permissionText(const std::optional<PermissionReport>& p) {
@@ -80,11 +106,17 @@ void printTable(const DocumentReport& report, std::ostream& out) {
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "FILTER", "SIGNED", "INTACT", "REVISION", "WHOLE FILE", "PERMITS"});
+  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "REVISION", "WHOLE FILE", "PERMITS"});
   int n = 0;
   for (const FieldReport& f : report.fields) {
-    table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", f.filter.value_or("-"),
-                  f.isSigned ? "yes" : "no", !f.intact ? "-" : *f.intact ? "yes" : "NO",
+    std::string signer = f.isSigned ? "?" : "(not signed)";
+    if (f.signer) {
+      const CertReport& c = f.certificates[*f.signer];
+      signer = attributeValue(c.subject, "2.5.4.3");
+      if (signer.empty()) signer = c.subject.empty() ? "?" : c.subject.back().value;
+    }
+    table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", signer,
+                  displayTime(f.signingTime), !f.intact ? "-" : *f.intact ? "yes" : "NO",
                   f.revision ? std::to_string(*f.revision) : "-",
                   !f.coversWholeDocument ? "-" : *f.coversWholeDocument ? "yes" : "no",
                   permissionText(f.permission)});
