@@ -42,8 +42,6 @@ class PDFSEALMARK_API PDFAmanoTimeStamp : public PDF_Vellum::TimeStamp {
   PDFAmanoTimeStampImpl* getAmanoTimeStampImpl() const { return impl_; }
 
  private:
-  void release();
-
   PDFAmanoTimeStampImpl* impl_;
   long* shareCount_;  // facades that share impl_; null with impl_
 };

@@ -41,8 +41,6 @@ class PDFSEALMARK_API PDFPfuTimeStamp : public PDF_Vellum::TimeStamp {
   PDFPfuTimeStampImpl* getPfuTimeStampImpl() const { return impl_; }
 
  private:
-  void release();
-
   PDFPfuTimeStampImpl* impl_;
   long* shareCount_;  // facades that share impl_; null with impl_
 };

@@ -56,8 +56,6 @@ class PDFSEALMARK_API PDFStdTimeStamp : public PDF_Vellum::TimeStamp {
   PDFStdTimeStampImpl* getStdTimeStampImpl() const { return impl_; }
 
  private:
-  void release();
-
   PDFStdTimeStampImpl* impl_;
   long* shareCount_;  // facades that share impl_; null with impl_
 };

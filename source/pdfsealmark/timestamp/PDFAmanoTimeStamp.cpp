@@ -3,49 +3,27 @@
 #include <new>
 
 #include "pdfsealmark/timestamp/PDFAmanoTimeStampImpl.h"
+#include "pdfsealmark/timestamp/shared_impl.h"
 
 namespace PDF_Sealmark {
 
 PDFAmanoTimeStamp::PDFAmanoTimeStamp(const std::string& serviceAddress, const std::string& accountFile,
                                      const std::string& password)
     : TimeStamp(true), impl_(new (std::nothrow) PDFAmanoTimeStampImpl(serviceAddress, accountFile, password)), shareCount_(nullptr) {
-  if (impl_) {
-    shareCount_ = new (std::nothrow) long(1);
-    if (!shareCount_) {
-      // Without a count the object couldn't be shared safely: go on without
-      // an implementation, as when it couldn't be made.
-      delete impl_;
-      impl_ = nullptr;
-    }
-  }
+  shared_impl::adopt(impl_, shareCount_);
 }
 
 PDFAmanoTimeStamp::PDFAmanoTimeStamp(const PDFAmanoTimeStamp& other)
-    : TimeStamp(other), impl_(other.impl_), shareCount_(other.shareCount_) {
-  if (shareCount_) ++*shareCount_;
+    : TimeStamp(other), impl_(nullptr), shareCount_(nullptr) {
+  shared_impl::share(impl_, shareCount_, other.impl_, other.shareCount_);
 }
 
-PDFAmanoTimeStamp::~PDFAmanoTimeStamp() { release(); }
+PDFAmanoTimeStamp::~PDFAmanoTimeStamp() { shared_impl::release(impl_, shareCount_); }
 
 PDFAmanoTimeStamp& PDFAmanoTimeStamp::operator=(const PDFAmanoTimeStamp& other) {
   TimeStamp::operator=(other);
-  if (impl_ != other.impl_) {
-    // Take the new reference before dropping the old.
-    if (other.shareCount_) ++*other.shareCount_;
-    release();
-    impl_ = other.impl_;
-    shareCount_ = other.shareCount_;
-  }
+  shared_impl::share(impl_, shareCount_, other.impl_, other.shareCount_);
   return *this;
-}
-
-void PDFAmanoTimeStamp::release() {
-  if (shareCount_ && --*shareCount_ == 0) {
-    delete impl_;
-    delete shareCount_;
-  }
-  impl_ = nullptr;
-  shareCount_ = nullptr;
 }
 
 void PDFAmanoTimeStamp::OnImplementts() const {
