@@ -114,16 +114,11 @@ std::string reasonOf(const QPDFExc& e, bool triedPassword) {
   return "damaged file: " + e.getMessageDetail();
 }
 
-// Opening succeeded only if the catalog can be reached.
-bool finishOpen(PDFDocument::Impl& impl, const std::string& password, std::string* whyNot) {
+// Runs one step of opening; qpdf tells what went wrong by throwing.
+template <class Step>
+bool guarded(Step step, const std::string& password, std::string* whyNot) {
   try {
-    QPDFObjectHandle root = impl.qpdf->getRoot();
-    if (!root.isDictionary()) {
-      setWhy(whyNot, "damaged file: no document catalog");
-      return false;
-    }
-    impl.encrypted = impl.qpdf->isEncrypted();
-    return true;
+    return step();
   } catch (const QPDFExc& e) {
     setWhy(whyNot, reasonOf(e, !password.empty()));
   } catch (const std::exception& e) {
@@ -132,22 +127,33 @@ bool finishOpen(PDFDocument::Impl& impl, const std::string& password, std::strin
   return false;
 }
 
+// Opening succeeded only if the catalog can be reached.
+bool finishOpen(PDFDocument::Impl& impl, const std::string& password, std::string* whyNot) {
+  return guarded(
+      [&] {
+        if (!impl.qpdf->getRoot().isDictionary()) {
+          setWhy(whyNot, "damaged file: no document catalog");
+          return false;
+        }
+        impl.encrypted = impl.qpdf->isEncrypted();
+        return true;
+      },
+      password, whyNot);
+}
+
 bool process(QPDF& qpdf, const char* path, const std::vector<unsigned char>& bytes,
              const std::string& password, std::string* whyNot) {
-  try {
-    if (path) {
-      qpdf.processFile(path, password.c_str());
-    } else {
-      qpdf.processMemoryFile("memory", reinterpret_cast<const char*>(bytes.data()), bytes.size(),
-                             password.c_str());
-    }
-    return true;
-  } catch (const QPDFExc& e) {
-    setWhy(whyNot, reasonOf(e, !password.empty()));
-  } catch (const std::exception& e) {
-    setWhy(whyNot, std::string("damaged file: ") + e.what());
-  }
-  return false;
+  return guarded(
+      [&] {
+        if (path) {
+          qpdf.processFile(path, password.c_str());
+        } else {
+          qpdf.processMemoryFile("memory", reinterpret_cast<const char*>(bytes.data()), bytes.size(),
+                                 password.c_str());
+        }
+        return true;
+      },
+      password, whyNot);
 }
 
 // An update whose trailer says /Prev 0 points its chain at the file header,
