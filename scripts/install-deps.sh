@@ -12,6 +12,7 @@ packages=(
   libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   poppler-utils python3
+  slapd ldap-utils
 )
 
 missing=()
@@ -26,5 +27,8 @@ fi
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
+# The tests run their own slapd with a throw-away configuration: the
+# package must not ask for, or set up, a directory of its own.
+echo "slapd slapd/no_configuration boolean true" | $sudo debconf-set-selections
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

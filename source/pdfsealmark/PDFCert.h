@@ -113,6 +113,32 @@ class PDFSEALMARK_API PDFCert {
   // (a shorter one throws std::out_of_range); null, or a date that can't be
   // represented, means now.
   bool isValid(const char* time);
+  // The CRL locations of the cRLDistributionPoints extension, in order: URI
+  // names as they stand, a directory name as "ldap:/DN?certificate
+  // RevocationList;binary".  Each text is a heap copy that the caller
+  // releases with free().
+  std::vector<const char*> getCrlUrl() const;
+  // The first OCSP responder URL of the authorityInfoAccess extension, or "".
+  std::string getOcspUrl() const;
+
+  // --- revocation -------------------------------------------------------------
+  // True when the certificate counts as not revoked.  Asks the OCSP responder
+  // the certificate names first (the answer of a responder, good or not, is
+  // final), then its CRLs in order until one gives an answer.  getValid then
+  // tells how it was decided:
+  //   true  2: responder says good        false 2: revoked or unknown
+  //   true  1: a CRL doesn't revoke it    false 1: a CRL revokes it at time
+  //   false 3: neither gave an answer     true, unchanged: names neither
+  // time: date text of the moment for CRL entries, null for now.  cacheDir:
+  // directory of the CRL cache, null for none.  ldapServers: "ldap://h:p/,"
+  // prefixes (comma-separated; a single one needs a comma behind it) for the
+  // URLs of directory-name distribution points, or null.  issuer: needed for
+  // OCSP, the signature check of CRLs and the cache; may be null.  chain:
+  // anchors for the responder's signature instead of issuer, or null.
+  // noNonce: 0 asks for a nonce and demands it back, other values leave it
+  // out.  A time text shorter than YYYYMMDDHH throws std::out_of_range.
+  bool checkCRL(const char* time, const char* cacheDir, const char* ldapServers, PDFCert* issuer,
+                std::vector<PDFCert>* chain, int noNonce);
 
   // --- files ----------------------------------------------------------------
   // Reads a certificate from the whole stream (from its first byte, wherever

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "output.h"
 #include "cert_report.h"
+#include "revocation_urls.h"
 #include "pdfsealmark/PDFCert.h"
 
 namespace sealmark {
@@ -19,9 +20,9 @@ const char kCertHelp[] =
     "usage: sealmark cert show [--password PW] [--json] FILE\n"
     "\n"
     "Prints the fields of a certificate: subject, issuer, serial number,\n"
-    "SHA-1 fingerprint, validity, algorithms and key usage.  FILE holds one\n"
-    "X.509 certificate in DER or PEM (the first of several), or a PKCS#12\n"
-    "file, whose certificate is shown when --password opens it.\n"
+    "SHA-1 fingerprint, validity, algorithms, key usage, CRL and OCSP URLs.\n"
+    "FILE holds one X.509 certificate in DER or PEM (the first of several),\n"
+    "or a PKCS#12 file, whose certificate is shown when --password opens it.\n"
     "\n"
     "  --password PW   password of a PKCS#12 file\n"
     "  --json          print JSON instead of text\n"
@@ -37,15 +38,20 @@ struct CertOptions {
   std::string file;
 };
 
-void printJson(const std::string& file, const CertReport& r, std::ostream& out) {
+void printJson(const std::string& file, const CertReport& r, const RevocationUrls& urls, std::ostream& out) {
   JsonWriter json(out);
   json.beginObject().key("file").value(file);
   writeCertFields(json, r);
+  for (const auto& list : {std::make_pair("crl_urls", &urls.crl), std::make_pair("ocsp_urls", &urls.ocsp)}) {
+    json.key(list.first).beginArray();
+    for (const std::string& url : *list.second) json.value(url);
+    json.endArray();
+  }
   json.endObject();
   out << "\n";
 }
 
-void printText(const std::string& file, const CertReport& r, std::ostream& out) {
+void printText(const std::string& file, const CertReport& r, const RevocationUrls& urls, std::ostream& out) {
   const std::string pad(23, ' ');
   auto line = [&](const std::string& label, const std::string& value) {
     out << "  " << label << ":" << std::string(label.size() < 20 ? 20 - label.size() : 1, ' ') << value
@@ -81,6 +87,16 @@ void printText(const std::string& file, const CertReport& r, std::ostream& out) 
     for (const std::string& u : *r.keyUsage) usage += (usage.empty() ? "" : ", ") + u;
   }
   line("key usage", orDash(usage));
+  for (const auto& list : {std::make_pair("crl urls", &urls.crl), std::make_pair("ocsp urls", &urls.ocsp)}) {
+    if (list.second->empty()) line(list.first, "-");
+    for (std::size_t i = 0; i < list.second->size(); ++i) {
+      if (i == 0) {
+        line(list.first, (*list.second)[0]);
+      } else {
+        out << pad << (*list.second)[i] << "\n";
+      }
+    }
+  }
 }
 
 bool parseArgs(const Args& args, CertOptions& opts, int& exitCode) {
@@ -149,9 +165,9 @@ int runCert(const Args& args) {
   }
   const CertReport report = describe(cert);
   if (opts.json) {
-    printJson(opts.file, report, std::cout);
+    printJson(opts.file, report, revocationUrls(cert), std::cout);
   } else {
-    printText(opts.file, report, std::cout);
+    printText(opts.file, report, revocationUrls(cert), std::cout);
   }
   return kExitOk;
 }

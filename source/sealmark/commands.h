@@ -21,6 +21,8 @@ int runCert(const Args& args);
 extern const char kCertHelp[];
 int runTimestamp(const Args& args);
 extern const char kTimestampHelp[];
+int runRevocation(const Args& args);
+extern const char kRevocationHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

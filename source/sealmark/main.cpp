@@ -16,6 +16,7 @@ const char kUsage[] =
     "  revisions  list the revisions of a PDF file, or write one out\n"
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
+    "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -31,6 +32,7 @@ const Command kCommands[] = {
     {"revisions", sealmark::runRevisions},
     {"cert", sealmark::runCert},
     {"timestamp", sealmark::runTimestamp},
+    {"revocation", sealmark::runRevocation},
 };
 
 }  // namespace

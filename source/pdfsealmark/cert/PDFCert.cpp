@@ -85,6 +85,19 @@ int PDFCert::getKeyType() const { return impl ? impl->getKeyType() : 0; }
 int PDFCert::getKeyUsage() const { return impl ? impl->getKeyUsage() : 0; }
 bool PDFCert::isValid(const char* time) { return impl ? impl->isValid(time) : false; }
 
+std::vector<const char*> PDFCert::getCrlUrl() const {
+  return impl ? impl->getCrlUrl(nullptr) : std::vector<const char*>();
+}
+
+std::string PDFCert::getOcspUrl() const { return impl ? impl->getOcspUrl() : std::string(); }
+
+bool PDFCert::checkCRL(const char* time, const char* cacheDir, const char* ldapServers, PDFCert* issuer,
+                       std::vector<PDFCert>* chain, int noNonce) {
+  if (!impl) return false;
+  X509* issuerCert = issuer ? reinterpret_cast<X509*>(issuer->getX509()) : nullptr;
+  return impl->checkCRL(time, cacheDir, ldapServers, issuerCert, chain, noNonce);
+}
+
 bool PDFCert::loadX509(std::istream& in, bool der) {
   if (!impl) return false;
   const bool loaded = impl->loadX509(in, der);

@@ -56,6 +56,14 @@ class PDFCertImpl : public TesseraCommon::TSRCObject {
   int getKeyType() const { return 0; }
   int getKeyUsage() const;
   bool isValid(const char* time);
+  std::vector<const char*> getCrlUrl(const char* ldapServers) const;
+  std::string getOcspUrl() const;
+
+  // Revocation: the check as a whole, and its OCSP exchange (1 good, 0 not
+  // good, -1 no usable answer).
+  bool checkCRL(const char* time, const char* cacheDir, const char* ldapServers, X509* issuer,
+                std::vector<PDFCert>* chain, int noNonce);
+  int checkOCSP(const char* url, X509* issuer, std::vector<PDFCert>* chain, int noNonce);
 
   // Files.
   bool loadX509(std::istream& in, bool der);

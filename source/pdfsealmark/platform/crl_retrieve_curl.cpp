@@ -1,0 +1,200 @@
+// Retrieval of a CRL by URL over libcurl.
+//
+// One easy handle per retrieval, on a fresh connection that is closed
+// afterwards, so that nothing of an earlier retrieval (connection, DNS
+// answer, HTTP cache of a proxy) stands in for the source.
+#include "pdfsealmark/platform/crl_retrieve.h"
+
+#include <openssl/evp.h>
+
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace PDF_Sealmark {
+namespace platform {
+namespace {
+
+struct CurlEasyDeleter {
+  void operator()(CURL* p) const { curl_easy_cleanup(p); }
+};
+struct CurlSlistDeleter {
+  void operator()(curl_slist* p) const { curl_slist_free_all(p); }
+};
+
+void initCurlOnce() {
+  static const CURLcode rc = curl_global_init(CURL_GLOBAL_DEFAULT);
+  (void)rc;
+}
+
+struct Sink {
+  std::string bytes;
+  bool tooLarge = false;
+};
+
+std::size_t onData(char* data, std::size_t size, std::size_t count, void* user) {
+  Sink* sink = static_cast<Sink*>(user);
+  const std::size_t n = size * count;
+  if (n > kMaxCrlBytes || sink->bytes.size() > kMaxCrlBytes - n) {
+    sink->tooLarge = true;
+    return 0;  // a short count makes libcurl end the transfer with an error
+  }
+  sink->bytes.append(data, n);
+  return n;
+}
+
+// A URL as libcurl's parser accepts it: bytes that can't stand in a URL
+// (blanks, controls, the CP932 bytes of a directory name) are
+// percent-encoded, and every other character is kept, '%' included.  The
+// LDAP handler decodes the DN again before it asks the directory.
+std::string escapeForCurl(const char* url) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(url); *p != 0; ++p) {
+    const unsigned char c = *p;
+    if (c <= 0x20 || c >= 0x7F || std::strchr("\"<>\\^`{|}", c) != nullptr) {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 0x0F];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+bool decodeBase64(const std::string& text, std::vector<unsigned char>& out) {
+  std::string clean;
+  for (char c : text) {
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') clean += c;
+  }
+  if (clean.empty() || clean.size() % 4 != 0) return false;
+  std::vector<unsigned char> bytes(clean.size() / 4 * 3);
+  const int n = EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(clean.data()),
+                                static_cast<int>(clean.size()));
+  if (n < 0) return false;
+  std::size_t length = static_cast<std::size_t>(n);
+  // EVP_DecodeBlock counts the padding as bytes.
+  if (clean.size() >= 1 && clean[clean.size() - 1] == '=') --length;
+  if (clean.size() >= 2 && clean[clean.size() - 2] == '=') --length;
+  bytes.resize(length);
+  out.swap(bytes);
+  return true;
+}
+
+// libcurl hands an LDAP search result out as text:
+//   "DN: <dn>\n" then one "\t<attribute>: <value>\n" line per value, the
+// value base64-encoded for an attribute of the ";binary" option, or with
+// "::" in LDIF manner for a value that isn't printable text.  The first
+// value of the first entry is the object.
+bool firstLdapValue(const std::string& text, std::vector<unsigned char>& out) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    std::size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(at, end - at);
+    at = end + 1;
+    if (line.empty() || line[0] != '\t') continue;
+    const std::size_t colon = line.find(':');
+    if (colon == std::string::npos) continue;
+    const std::string attribute = line.substr(1, colon - 1);
+    std::size_t value = colon + 1;
+    bool base64 = attribute.size() >= 7 && attribute.compare(attribute.size() - 7, 7, ";binary") == 0;
+    if (value < line.size() && line[value] == ':') {
+      base64 = true;
+      ++value;
+    }
+    if (value < line.size() && line[value] == ' ') ++value;
+    const std::string payload = line.substr(value);
+    if (base64) return decodeBase64(payload, out);
+    out.assign(payload.begin(), payload.end());
+    return !out.empty();
+  }
+  return false;
+}
+
+bool startsWith(const char* text, const char* prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
+
+class CurlUrlRetrieval : public UrlRetrievalApi {
+ public:
+  bool CryptRetrieveObjectByUrlA(const char* url, std::uint32_t objectType, std::uint32_t flags,
+                                 std::uint32_t timeoutMs, std::vector<unsigned char>& encoded) override {
+    encoded.clear();
+    try {
+      return retrieve(url, objectType, flags, timeoutMs, encoded);
+    } catch (...) {
+      encoded.clear();
+      return false;
+    }
+  }
+
+ private:
+  static bool retrieve(const char* url, std::uint32_t objectType, std::uint32_t /*flags*/, std::uint32_t timeoutMs,
+                       std::vector<unsigned char>& encoded) {
+    if (url == nullptr || objectType != CONTEXT_OID_CRL) return false;
+    const bool ldap = startsWith(url, "ldap:");
+    // "ldap:/DN" names no server; libcurl has no default directory to ask.
+    if (ldap && !startsWith(url, "ldap://")) return false;
+    initCurlOnce();
+    std::unique_ptr<CURL, CurlEasyDeleter> easy(curl_easy_init());
+    if (!easy) return false;
+    CURL* e = easy.get();
+    std::unique_ptr<curl_slist, CurlSlistDeleter> headers;
+    for (const char* h : {"Cache-Control: no-cache", "Pragma: no-cache"}) {
+      curl_slist* grown = curl_slist_append(headers.get(), h);
+      if (grown == nullptr) return false;
+      headers.release();
+      headers.reset(grown);
+    }
+    const std::string target = escapeForCurl(url);
+    Sink sink;
+    bool set = curl_easy_setopt(e, CURLOPT_URL, target.c_str()) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https,ldap,ftp,file") == CURLE_OK;
+    // Redirects stay within HTTP: a web server can't send the retrieval to
+    // a local file.
+    set = set && curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_MAXREDIRS, 5L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https") == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs)) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_DNS_CACHE_TIMEOUT, 0L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_FAILONERROR, 1L) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxCrlBytes)) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &onData) == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_WRITEDATA, &sink) == CURLE_OK;
+    const char* caFile = std::getenv("SSL_CERT_FILE");
+    if (caFile && *caFile) set = set && curl_easy_setopt(e, CURLOPT_CAINFO, caFile) == CURLE_OK;
+    const char* caDir = std::getenv("SSL_CERT_DIR");
+    if (caDir && *caDir) set = set && curl_easy_setopt(e, CURLOPT_CAPATH, caDir) == CURLE_OK;
+    if (!set) return false;
+    if (curl_easy_perform(e) != CURLE_OK || sink.tooLarge) return false;
+
+    if (ldap) return firstLdapValue(sink.bytes, encoded);
+    encoded.assign(sink.bytes.begin(), sink.bytes.end());
+    return !encoded.empty();
+  }
+};
+
+UrlRetrievalApi* installed = nullptr;
+
+}  // namespace
+
+UrlRetrievalApi& urlRetrieval() {
+  static CurlUrlRetrieval curlRetrieval;
+  return installed ? *installed : curlRetrieval;
+}
+
+UrlRetrievalApi* setUrlRetrieval(UrlRetrievalApi* api) {
+  UrlRetrievalApi* before = installed;
+  installed = api;
+  return before;
+}
+
+}  // namespace platform
+}  // namespace PDF_Sealmark
