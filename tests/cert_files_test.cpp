@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <openssl/pkcs12.h>
 
-#include <cctype>
 #include <limits>
 #include <sstream>
 #include <streambuf>
@@ -20,69 +19,45 @@ namespace {
 
 using PDF_Sealmark::PDFCert;
 using PDF_Sealmark::PDFCertImpl;
+using sealtest::hashOf;
 using sealtest::run;
 using sealtest::shellQuote;
-
-std::string readText(const std::string& path) {
-  const auto bytes = sealtest::readFile(path);
-  return std::string(bytes.begin(), bytes.end());
-}
-
-std::string hashOf(const PDFCert& cert) {
-  std::string hex;
-  cert.getHashHex(hex);
-  return hex;
-}
-
-std::string sha1Of(const std::string& pemFile) {
-  auto r = run("openssl x509 -noout -fingerprint -sha1 -in " + shellQuote(pemFile));
-  std::string hex;
-  for (char c : r.out.substr(r.out.find('=') + 1)) {
-    if (std::isxdigit(static_cast<unsigned char>(c))) hex += c;
-  }
-  return hex;
-}
 
 class CertFiles : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new sealtest::TempDir;
-    auto sh = [](const std::string& cmd) {
-      auto r = run(cmd + " 2>&1");
-      ASSERT_EQ(r.exitCode, 0) << cmd << "\n" << r.out;
-    };
-    const std::string d = shellQuote(dir_->path());
-    sh("cd " + d +
-       " && openssl req -x509 -newkey rsa:2048 -nodes -days 30 -subj /CN=Root -keyout ca.key -out ca.pem");
-    sh("cd " + d +
-       " && openssl req -x509 -newkey rsa:2048 -nodes -days 30 -subj /CN=Other -keyout other.key -out "
-       "other.pem");
-    sh("cd " + d + " && openssl req -newkey rsa:2048 -nodes -subj /CN=Leaf -keyout leaf.key -out leaf.csr");
-    sh("cd " + d +
-       " && openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -set_serial 7 -days 30 -out leaf.pem");
-    sh("cd " + d + " && openssl x509 -in leaf.pem -outform DER -out leaf.der");
-    sh("cd " + d + " && cat leaf.pem other.pem > two.pem");
-    // Leaf with key, plus the root and another certificate as further ones.
-    sh("cd " + d +
-       " && cat ca.pem other.pem > extra.pem && openssl pkcs12 -export -in leaf.pem -inkey leaf.key"
-       " -certfile extra.pem -name leaf -passout pass:secret -out leaf.p12");
-    sh("cd " + d + " && openssl pkcs12 -export -in leaf.pem -inkey leaf.key -passout pass: -out nopass.p12");
-    leafPem_ = readText(dir_->file("leaf.pem"));
-    leafDer_ = readText(dir_->file("leaf.der"));
-    otherPem_ = readText(dir_->file("other.pem"));
-    twoPem_ = readText(dir_->file("two.pem"));
-    p12_ = readText(dir_->file("leaf.p12"));
-    noPassP12_ = readText(dir_->file("nopass.p12"));
-    leafSha1_ = sha1Of(dir_->file("leaf.pem"));
-    otherSha1_ = sha1Of(dir_->file("other.pem"));
+    // A root, an unrelated self-signed certificate, and a leaf issued by the
+    // root; the leaf with its key in PKCS#12, once with the root and the other
+    // as further certificates and once alone without a password.
+    sealtest::oracle("cd " + shellQuote(dir_->path()) + " && (" +
+                     "openssl req -x509 -newkey rsa:2048 -nodes -days 30 -subj /CN=Root -keyout ca.key -out ca.pem"
+                     " && openssl req -x509 -newkey rsa:2048 -nodes -days 30 -subj /CN=Other -keyout other.key -out other.pem"
+                     " && openssl req -newkey rsa:2048 -nodes -subj /CN=Leaf -keyout leaf.key -out leaf.csr"
+                     " && openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -set_serial 7 -days 30 -out leaf.pem"
+                     " && openssl x509 -in leaf.pem -outform DER -out leaf.der && cat leaf.pem other.pem > two.pem"
+                     " && cat ca.pem other.pem > extra.pem && openssl pkcs12 -export -in leaf.pem -inkey leaf.key"
+                     " -certfile extra.pem -name leaf -passout pass:secret -out leaf.p12"
+                     " && openssl pkcs12 -export -in leaf.pem -inkey leaf.key -passout pass: -out nopass.p12) 2>&1");
+    for (const auto& [name, text] : {std::pair<const char*, std::string*>{"leaf.pem", &leafPem_}, {"leaf.der", &leafDer_},
+                               {"other.pem", &otherPem_}, {"two.pem", &twoPem_}, {"leaf.p12", &p12_},
+                               {"nopass.p12", &noPassP12_}}) {
+      *text = sealtest::text(sealtest::readFile(dir_->file(name)));
+    }
+    leafSha1_ = sealtest::sha1Fingerprint(dir_->file("leaf.pem"));
+    otherSha1_ = sealtest::sha1Fingerprint(dir_->file("other.pem"));
   }
   static void TearDownTestSuite() { delete dir_; }
 
-  static PDFCert withOther() {
+  static PDFCert load(const std::string& bytes, bool der = false) {
     PDFCert cert;
-    std::istringstream in(otherPem_);
-    EXPECT_TRUE(cert.loadX509(in, false));
+    std::istringstream in(bytes);
+    EXPECT_TRUE(cert.loadX509(in, der));
     return cert;
+  }
+  static std::size_t furtherCerts(const PDFCert& cert) {
+    const auto* stack = PDFCertImpl::implOf(cert)->caCerts;
+    return stack ? static_cast<std::size_t>(sk_X509_num(stack)) : 0;
   }
 
   static sealtest::TempDir* dir_;
@@ -93,55 +68,47 @@ sealtest::TempDir* CertFiles::dir_ = nullptr;
 std::string CertFiles::leafPem_, CertFiles::leafDer_, CertFiles::otherPem_, CertFiles::twoPem_,
     CertFiles::p12_, CertFiles::noPassP12_, CertFiles::leafSha1_, CertFiles::otherSha1_;
 
-// A failed parse must not leave the old certificate behind.
+// "DER" takes PEM too, PEM takes only PEM; a PEM file gives its first
+// certificate.  A failed parse must not leave the old certificate behind.
 TEST_F(CertFiles, FlagSelectsFormats) {
   struct Case {
     const std::string* bytes;
     bool der;
     bool loads;
   };
-  const Case cases[] = {
-      {&leafPem_, true, true}, {&leafPem_, false, true}, {&leafDer_, true, true}, {&leafDer_, false, false}};
-  for (const Case& c : cases) {
-    PDFCert cert = withOther();
+  for (const Case& c : {Case{&leafPem_, true, true}, Case{&leafPem_, false, true}, Case{&leafDer_, true, true},
+                        Case{&leafDer_, false, false}, Case{&twoPem_, false, true}}) {
+    PDFCert cert = load(otherPem_);
     std::istringstream in(*c.bytes);
-    EXPECT_EQ(cert.loadX509(in, c.der), c.loads)
-        << (c.bytes == &leafPem_ ? "PEM" : "DER") << " der=" << c.der;
+    EXPECT_EQ(cert.loadX509(in, c.der), c.loads) << (c.bytes == &leafDer_ ? "DER" : "PEM") << " der=" << c.der;
     EXPECT_EQ(hashOf(cert), c.loads ? leafSha1_ : "");
     EXPECT_EQ(cert.getX509() != 0, c.loads);
   }
 }
 
-TEST_F(CertFiles, StreamIsReadWholeWhereverItStands) {
-  std::istringstream in(leafDer_);
-  in.ignore(std::numeric_limits<std::streamsize>::max());
-  in.get();  // read to the end and beyond: eof and fail set
-  ASSERT_FALSE(in.good());
-  PDFCert cert;
-  ASSERT_TRUE(cert.loadX509(in, true));
-  EXPECT_EQ(hashOf(cert), leafSha1_);
-  EXPECT_TRUE(in.eof() || in.tellg() == static_cast<std::streamoff>(leafDer_.size()));
-}
-
 struct NoSeekBuf : std::streambuf {
-  explicit NoSeekBuf(std::string s) : text(std::move(s)) {
-    setg(text.data(), text.data(), text.data() + text.size());
-  }
+  explicit NoSeekBuf(std::string s) : text(std::move(s)) { setg(text.data(), text.data(), text.data() + text.size()); }
   std::string text;
 };
 
-TEST_F(CertFiles, UnreadableStreamsLeaveTheCertificate) {
-  PDFCert cert = withOther();
+TEST_F(CertFiles, StreamsReadWholeOrNotAtAll) {
+  // Read to the end and beyond (eof and fail set): still read from the start.
+  std::istringstream spent(leafDer_);
+  spent.ignore(std::numeric_limits<std::streamsize>::max());
+  spent.get();
+  ASSERT_FALSE(spent.good());
+  PDFCert cert;
+  ASSERT_TRUE(cert.loadX509(spent, true));
+  EXPECT_EQ(hashOf(cert), leafSha1_);
+
+  // Unreadable streams leave the certificate as it was.
+  cert = load(otherPem_);
   std::istringstream empty("");
   EXPECT_FALSE(cert.loadX509(empty, true));
   EXPECT_FALSE(cert.loadPkcs12(empty, "secret"));
-
-  NoSeekBuf buf(leafPem_);  // can't be measured
-  std::istream noSeek(&buf);
+  NoSeekBuf buf(leafPem_), buf2(leafPem_);
+  std::istream noSeek(&buf), throwing(&buf2);  // can't be measured
   EXPECT_FALSE(cert.loadX509(noSeek, true));
-
-  NoSeekBuf buf2(leafPem_);
-  std::istream throwing(&buf2);
   throwing.exceptions(std::ios::failbit | std::ios::badbit);
   EXPECT_FALSE(cert.loadX509(throwing, true));
   EXPECT_EQ(hashOf(cert), otherSha1_);
@@ -149,114 +116,81 @@ TEST_F(CertFiles, UnreadableStreamsLeaveTheCertificate) {
   std::istringstream rubbish("rubbish, neither DER nor PEM");
   EXPECT_FALSE(cert.loadX509(rubbish, true));
   EXPECT_EQ(cert.getX509(), 0u);
-  EXPECT_EQ(hashOf(cert), "");
-}
-
-TEST_F(CertFiles, PemWithTwoCertificatesGivesTheFirst) {
-  PDFCert cert;
-  std::istringstream in(twoPem_);
-  ASSERT_TRUE(cert.loadX509(in, false));
-  EXPECT_EQ(hashOf(cert), leafSha1_);
 }
 
 TEST_F(CertFiles, SaveAndLoadAgain) {
-  PDFCert cert = withOther();
+  PDFCert cert = load(otherPem_);
   for (bool der : {true, false}) {
     std::ostringstream out;
     ASSERT_TRUE(cert.saveX509(out, der));
     if (!der) {
       EXPECT_EQ(out.str(), otherPem_);  // as openssl wrote it
     }
-    PDFCert back;
-    std::istringstream in(out.str());
-    ASSERT_TRUE(back.loadX509(in, der));
-    EXPECT_EQ(hashOf(back), otherSha1_);
+    EXPECT_EQ(hashOf(load(out.str(), der)), otherSha1_);
   }
-}
-
-TEST_F(CertFiles, ThrowingOutputStreamPassesThrough) {
-  PDFCert cert = withOther();
+  // The output stream's state isn't looked at, but its exceptions pass.
   struct Refusing : std::streambuf {
     int_type overflow(int_type) override { return traits_type::eof(); }
     std::streamsize xsputn(const char*, std::streamsize) override { return 0; }
   } refusing;
-  std::ostream quiet(&refusing);
-  EXPECT_TRUE(cert.saveX509(quiet, true));  // the stream's state isn't looked at
-  std::ostream loud(&refusing);
+  std::ostream quiet(&refusing), loud(&refusing);
+  EXPECT_TRUE(cert.saveX509(quiet, true));
   loud.exceptions(std::ios::badbit);
   EXPECT_THROW(cert.saveX509(loud, true), std::ios_base::failure);
 }
 
 TEST_F(CertFiles, Pkcs12LoadGivesKeyAndFurtherCertificates) {
-  PDFCert cert = withOther();
+  PDFCert cert = load(otherPem_);
   PDFCertImpl::implOf(cert)->valid = 1;
   std::istringstream in(p12_);
   ASSERT_TRUE(cert.loadPkcs12(in, "secret"));
   EXPECT_EQ(hashOf(cert), leafSha1_);
-  EXPECT_NE(cert.getPKey(), 0u);
   EXPECT_EQ(cert.getValid(), 0);
   EXPECT_TRUE(cert.isWindowsCert());
-  ASSERT_NE(PDFCertImpl::implOf(cert)->caCerts, nullptr);
-  EXPECT_EQ(sk_X509_num(PDFCertImpl::implOf(cert)->caCerts), 2);
+  EXPECT_EQ(furtherCerts(cert), 2u);
   // The key is the leaf's.
-  EXPECT_EQ(X509_check_private_key(reinterpret_cast<X509*>(cert.getX509()),
-                                   reinterpret_cast<EVP_PKEY*>(cert.getPKey())),
+  EXPECT_EQ(X509_check_private_key(reinterpret_cast<X509*>(cert.getX509()), reinterpret_cast<EVP_PKEY*>(cert.getPKey())),
             1);
 
-  // A later loadX509 drops the key.
+  // Saved again under a new password, openssl finds all three certificates
+  // and the key, and so does a load.
+  std::ostringstream out;
+  ASSERT_TRUE(cert.savePkcs12(out, "again", "saved"));
+  const std::string saved = shellQuote(dir_->write("saved.p12", sealtest::bytes(out.str())));
+  EXPECT_EQ(run("openssl pkcs12 -in " + saved + " -passin pass:again -nokeys 2>/dev/null | grep -c 'BEGIN CERTIFICATE'").out,
+            "3\n");
+  EXPECT_EQ(run("openssl pkcs12 -in " + saved + " -passin pass:again -nocerts -nodes 2>/dev/null | grep -c 'PRIVATE KEY-----'")
+                .out,
+            "2\n");  // BEGIN and END lines
+  PDFCert back;
+  std::istringstream again(out.str());
+  ASSERT_TRUE(back.loadPkcs12(again, "again"));
+  EXPECT_EQ(hashOf(back), leafSha1_);
+  EXPECT_EQ(furtherCerts(back), 2u);
+  std::ostringstream unnamed;
+  EXPECT_TRUE(cert.savePkcs12(unnamed, "pw", ""));
+  EXPECT_FALSE(unnamed.str().empty());
+
+  // A later loadX509 drops the key and the further certificates.
   std::istringstream pem(otherPem_);
   ASSERT_TRUE(cert.loadX509(pem, false));
   EXPECT_EQ(cert.getPKey(), 0u);
   EXPECT_EQ(PDFCertImpl::implOf(cert)->caCerts, nullptr);
 }
 
-TEST_F(CertFiles, Pkcs12RoundTripKeepsFurtherCertificates) {
-  PDFCert cert;
-  std::istringstream in(p12_);
-  ASSERT_TRUE(cert.loadPkcs12(in, "secret"));
-  std::ostringstream out;
-  ASSERT_TRUE(cert.savePkcs12(out, "again", "saved"));
-  const std::string bytes = out.str();
-  const std::string saved = dir_->write("saved.p12", std::vector<unsigned char>(bytes.begin(), bytes.end()));
-
-  // openssl reads it with the new password and finds all three certificates.
-  auto r = run("openssl pkcs12 -in " + shellQuote(saved) +
-               " -passin pass:again -nokeys 2>/dev/null | grep -c 'BEGIN CERTIFICATE'");
-  EXPECT_EQ(r.out, "3\n");
-  r = run("openssl pkcs12 -in " + shellQuote(saved) +
-          " -passin pass:again -nocerts -nodes 2>/dev/null | grep -c 'PRIVATE KEY-----'");
-  EXPECT_EQ(r.out, "2\n");  // BEGIN and END lines
-
-  PDFCert back;
-  std::istringstream again(out.str());
-  ASSERT_TRUE(back.loadPkcs12(again, "again"));
-  EXPECT_EQ(hashOf(back), leafSha1_);
-  ASSERT_NE(PDFCertImpl::implOf(back)->caCerts, nullptr);
-  EXPECT_EQ(sk_X509_num(PDFCertImpl::implOf(back)->caCerts), 2);
-
-  std::ostringstream unnamed;
-  EXPECT_TRUE(cert.savePkcs12(unnamed, "pw", ""));
-  EXPECT_FALSE(unnamed.str().empty());
-}
-
 TEST_F(CertFiles, Pkcs12Refusals) {
-  PDFCert cert = withOther();
-  std::istringstream in(p12_);
+  PDFCert cert = load(otherPem_);
+  std::istringstream in(p12_), noPass(noPassP12_);
   EXPECT_FALSE(cert.loadPkcs12(in, nullptr));
   EXPECT_FALSE(cert.loadPkcs12(in, ""));
-  EXPECT_EQ(hashOf(cert), otherSha1_);  // not read: unchanged
-  std::istringstream noPass(noPassP12_);
   EXPECT_FALSE(cert.loadPkcs12(noPass, ""));  // even for a file without password
-  EXPECT_EQ(hashOf(cert), otherSha1_);
-
   std::ostringstream out;
   EXPECT_FALSE(cert.savePkcs12(out, "pw", "name"));  // no key
-  EXPECT_EQ(hashOf(cert), otherSha1_);
+  EXPECT_EQ(hashOf(cert), otherSha1_);                // not read: unchanged
 
   std::istringstream wrong(p12_);
   EXPECT_FALSE(cert.loadPkcs12(wrong, "wrong"));
-  EXPECT_EQ(cert.getX509(), 0u);  // read, then refused: empty
-  EXPECT_EQ(cert.getPKey(), 0u);
+  EXPECT_EQ(cert.getX509() + cert.getPKey(), 0u);  // read, then refused: empty
 
   std::istringstream right(p12_);
   ASSERT_TRUE(cert.loadPkcs12(right, "secret"));

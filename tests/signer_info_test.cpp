@@ -22,6 +22,7 @@ namespace {
 
 using PDF_Sealmark::PDFCert;
 using PDF_Sealmark::PDFSealmarkVerify;
+using sealtest::hashOf;
 namespace ossl = PDF_Sealmark::ossl;
 
 std::string sha1Hex(const X509* x) {
@@ -34,12 +35,6 @@ std::string sha1Hex(const X509* x) {
     std::snprintf(two, sizeof two, "%02X", md[i]);
     hex += two;
   }
-  return hex;
-}
-
-std::string hashOf(const PDFCert& cert) {
-  std::string hex;
-  cert.getHashHex(hex);
   return hex;
 }
 

@@ -16,9 +16,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 using sealtest::run;
+using sealtest::sealmark;
 using sealtest::shellQuote;
-
-std::string sealmark(const std::string& args) { return std::string(SEALMARK_BIN) + " " + args; }
 
 class TimestampCommand : public ::testing::Test {
  protected:
@@ -64,20 +63,17 @@ class TimestampCommand : public ::testing::Test {
 sealtest::TestTsa* TimestampCommand::tsa_ = nullptr;
 sealtest::TestTsa* TimestampCommand::authTsa_ = nullptr;
 
-TEST_F(TimestampCommand, Sha512TokenByDefault) {
+TEST_F(TimestampCommand, Sha512ByDefaultSha1ToChosenFile) {
   const std::string input = dir_.write("contract.pdf", Bytes(5000, 'c'));
-  const auto r = run(sealmark("timestamp --url " + shellQuote(tsa_->url()) + " " + shellQuote(input)));
+  auto r = run(sealmark("timestamp --url " + shellQuote(tsa_->url()) + " " + shellQuote(input)));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_TRUE(r.err.empty()) << r.err;
   EXPECT_NE(r.out.find("token: " + input + ".tsr\n"), std::string::npos) << r.out;
   expectTokenOver(*tsa_, input, input + ".tsr", "sha512", r.out);
-}
 
-TEST_F(TimestampCommand, Sha1TokenToChosenFile) {
-  const std::string input = dir_.write("notes.txt", Bytes{'h', 'i', '\n'});
   const std::string token = dir_.file("stamp.der");
-  const auto r = run(sealmark("timestamp --hash sha1 --output " + shellQuote(token) + " --url=" +
-                              shellQuote(tsa_->url()) + " " + shellQuote(input)));
+  r = run(sealmark("timestamp --hash sha1 --output " + shellQuote(token) + " --url=" + shellQuote(tsa_->url()) + " " +
+                   shellQuote(input)));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   expectTokenOver(*tsa_, input, token, "sha1", r.out);
 }
@@ -107,32 +103,27 @@ TEST_F(TimestampCommand, NoServerMeansExitOne) {
 }
 
 TEST_F(TimestampCommand, UsageAndUnreadableInput) {
-  const std::string input = dir_.write("data.bin", Bytes(10, 0));
-  const std::string url = shellQuote(tsa_->url());
+  const std::string input = shellQuote(dir_.write("data.bin", Bytes(10, 0)));
+  const std::string url = "timestamp --url " + shellQuote(tsa_->url());
   const auto before = tsa_->server().connections();
-  const std::vector<std::string> usageErrors = {
-      std::string("timestamp"), "timestamp " + shellQuote(input), "timestamp --url", "timestamp --url " + url,
-        "timestamp --url " + url + " --hash md5 " + shellQuote(input),
-        "timestamp --url " + url + " --user someone " + shellQuote(input),
-        "timestamp --url " + url + " --frobnicate " + shellQuote(input),
-        "timestamp --url " + url + " " + shellQuote(input) + " " + shellQuote(input)};
-  for (const std::string& args : usageErrors) {
+  for (const std::string& args : {std::string("timestamp"), "timestamp " + input, std::string("timestamp --url"), url,
+                                  url + " --hash md5 " + input, url + " --user someone " + input,
+                                  url + " --frobnicate " + input, url + " " + input + " " + input}) {
     const auto r = run(sealmark(args));
     EXPECT_EQ(r.exitCode, 2) << args;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
     EXPECT_EQ(r.err.rfind("sealmark: ", 0), 0u) << r.err;
   }
-  const std::string absent = dir_.file("absent.pdf");
-  auto r = run(sealmark("timestamp --url " + url + " " + shellQuote(absent)));
-  EXPECT_EQ(r.exitCode, 2);
-  EXPECT_EQ(r.err, "sealmark: " + absent + ": No such file or directory\n");
-  r = run(sealmark("timestamp --url " + url + " " + shellQuote(dir_.path())));
-  EXPECT_EQ(r.exitCode, 2);
-  EXPECT_EQ(r.err, "sealmark: " + dir_.path() + ": Is a directory\n");
+  for (const auto& [path, why] : {std::pair<std::string, std::string>{dir_.file("absent.pdf"), "No such file or directory"},
+                                  {dir_.path(), "Is a directory"}}) {
+    const auto r = run(sealmark(url + " " + shellQuote(path)));
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_EQ(r.err, "sealmark: " + path + ": " + why + "\n");
+  }
   // None of these reached the server.
   EXPECT_EQ(tsa_->server().connections(), before);
 
-  r = run(sealmark("timestamp --help"));
+  auto r = run(sealmark("timestamp --help"));
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(r.out.rfind("usage: sealmark timestamp --url URL", 0), 0u) << r.out;
   r = run(sealmark("--help"));

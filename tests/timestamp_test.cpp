@@ -26,22 +26,11 @@ namespace {
 
 using PDF_Sealmark::PDFStdTimeStamp;
 using PDF_Sealmark::PDFStdTimeStampImpl;
+using sealtest::hex;
 using sealtest::HttpRequest;
 using sealtest::LoopbackHttpServer;
 using sealtest::Reply;
 using Bytes = std::vector<unsigned char>;
-
-Bytes hex(const std::string& h) {
-  Bytes b;
-  for (std::size_t i = 0; i + 1 < h.size(); i += 2) {
-    if (h[i] == ' ') {
-      --i;
-      continue;
-    }
-    b.push_back(static_cast<unsigned char>(std::stoi(h.substr(i, 2), nullptr, 16)));
-  }
-  return b;
-}
 
 Bytes digestOf(const Bytes& data, const EVP_MD* md) {
   Bytes out(static_cast<std::size_t>(EVP_MD_get_size(md)));
@@ -63,8 +52,6 @@ Bytes goodNonce(std::size_t n = 8) {
   return b;
 }
 
-std::string asText(const Bytes& b) { return std::string(b.begin(), b.end()); }
-
 // A granted TimeStampResp with a long-form outer length and a token of n
 // bytes.
 Bytes responseWithToken(std::size_t n) {
@@ -77,7 +64,7 @@ Bytes responseWithToken(std::size_t n) {
 }
 
 // A TimeStampResp as a server sends it over HTTP.
-Reply respond(const Bytes& timeStampResp) { return Reply::ok(asText(timeStampResp), "application/timestamp-reply"); }
+Reply respond(const Bytes& timeStampResp) { return Reply::ok(sealtest::text(timeStampResp), "application/timestamp-reply"); }
 
 // ---------------------------------------------------------------------------
 // extractToken
@@ -136,11 +123,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(ExtractTokenCapacity, TokenMustFit) {
   Bytes out(20481);
-  Bytes r = responseWithToken(20480);
-  EXPECT_EQ(PDFStdTimeStampImpl::extractToken(r.data(), r.size(), out.data(), 20480), 20480);
-  r = responseWithToken(20481);
-  EXPECT_EQ(PDFStdTimeStampImpl::extractToken(r.data(), r.size(), out.data(), 20480), -3);
-  EXPECT_EQ(PDFStdTimeStampImpl::extractToken(r.data(), r.size(), out.data(), 20481), 20481);
+  for (std::size_t token : {20480, 20481}) {
+    const Bytes r = responseWithToken(token);
+    EXPECT_EQ(PDFStdTimeStampImpl::extractToken(r.data(), r.size(), out.data(), 20480), token == 20480 ? 20480 : -3);
+    EXPECT_EQ(PDFStdTimeStampImpl::extractToken(r.data(), r.size(), out.data(), 20481), static_cast<long>(token));
+  }
 }
 
 // The token cut out of a real TimeStampResp is the one `openssl ts` itself
@@ -279,17 +266,20 @@ TEST_F(StdTimeStampTsa, TokensVerifyWithSha512AndSha1) {
 TEST_F(StdTimeStampTsa, RefusesBadArgumentsWithoutAnExchange) {
   const auto before = tsa_->server().connections();
   const Bytes d20(20, 1), d64(64, 1), nonce = goodNonce();
-  Bytes token = hex("deadbeef");
-  // hashType 2 takes 64 bytes only, 1 (and any other) 20 bytes only.
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 2).LeImplementts(token, Bytes(), d20, nonce));
-  EXPECT_TRUE(token.empty());
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 1).LeImplementts(token, Bytes(), d64, nonce));
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 0).LeImplementts(token, Bytes(), d64, nonce));
-  // A nonce of 7 bytes, or none; no digest; no URL.
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 1).LeImplementts(token, Bytes(), d20, Bytes(7, 1)));
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 1).LeImplementts(token, Bytes(), d20, Bytes()));
-  EXPECT_FALSE(PDFStdTimeStamp(tsa_->url(), "", "", 1).LeImplementts(token, Bytes(), Bytes(), nonce));
-  EXPECT_FALSE(PDFStdTimeStamp("", "", "", 1).LeImplementts(token, Bytes(), d20, nonce));
+  struct Case {
+    std::string url;
+    int hashType;
+    Bytes digest, nonce;
+  };
+  // hashType 2 takes 64 bytes only, 1 (and any other) 20 bytes only; a
+  // nonce of 7 bytes, or none; no digest; no URL.
+  for (const Case& c : {Case{tsa_->url(), 2, d20, nonce}, Case{tsa_->url(), 1, d64, nonce}, Case{tsa_->url(), 0, d64, nonce},
+                        Case{tsa_->url(), 1, d20, Bytes(7, 1)}, Case{tsa_->url(), 1, d20, Bytes()},
+                        Case{tsa_->url(), 1, Bytes(), nonce}, Case{"", 1, d20, nonce}}) {
+    Bytes token = hex("deadbeef");
+    EXPECT_FALSE(PDFStdTimeStamp(c.url, "", "", c.hashType).LeImplementts(token, Bytes(), c.digest, c.nonce));
+    EXPECT_TRUE(token.empty());
+  }
   EXPECT_EQ(tsa_->server().connections(), before);
 }
 
@@ -394,18 +384,13 @@ TEST_F(ProbeInTempDir, WritesTokenOfAllZeroProbe) {
   EXPECT_FALSE(requests[1].hasHeader("Authorization"));
 }
 
-TEST_F(ProbeInTempDir, OldFileGoesEvenWithoutAnswer) {
-  dir_.write("response.tsr", Bytes(10, 'x'));
-  PDFStdTimeStamp("", "", "", 2).OnImplementts();
-  EXPECT_FALSE(probeFileExists());
-
-  dir_.write("response.tsr", Bytes(10, 'x'));
+TEST_F(ProbeInTempDir, OldFileGoesEvenWithoutAnswerServiceClientsTouchNothing) {
   LoopbackHttpServer refusing([](const HttpRequest&) { return respond(hex("3005 3003020102")); });
-  PDFStdTimeStamp(refusing.url("/"), "", "", 2).OnImplementts();
-  EXPECT_FALSE(probeFileExists());
-}
-
-TEST_F(ProbeInTempDir, ServiceClientsTouchNothing) {
+  for (const std::string& url : {std::string(), refusing.url("/")}) {
+    dir_.write("response.tsr", Bytes(10, 'x'));
+    PDFStdTimeStamp(url, "", "", 2).OnImplementts();
+    EXPECT_FALSE(probeFileExists()) << url;
+  }
   dir_.write("response.tsr", Bytes(10, 'x'));
   PDF_Sealmark::PDFAmanoTimeStamp("tss.example:80", "account.dat", "pw").OnImplementts();
   PDF_Sealmark::PDFPfuTimeStamp("user", "pw").OnImplementts();
@@ -416,61 +401,49 @@ TEST_F(ProbeInTempDir, ServiceClientsTouchNothing) {
 // Facades
 
 TEST(TimeStampFacades, CopiesShareOneImplementation) {
-  PDFStdTimeStamp* first = new PDFStdTimeStamp("http://a.example/", "u", "p", 2);
+  auto* first = new PDFStdTimeStamp("http://a.example/", "u", "p", 2);
   PDFStdTimeStamp copy(*first);
   ASSERT_NE(first->getStdTimeStampImpl(), nullptr);
   EXPECT_EQ(copy.getStdTimeStampImpl(), first->getStdTimeStampImpl());
-  EXPECT_EQ(copy.getHashType(), 2);
   delete first;
   // The copy outlives the original and keeps the settings.
-  EXPECT_EQ(copy.getStdTimeStampImpl()->getUrl(), "http://a.example/");
-  EXPECT_EQ(copy.getStdTimeStampImpl()->getUser(), "u");
-  EXPECT_EQ(copy.getStdTimeStampImpl()->getPassword(), "p");
-  EXPECT_EQ(copy.getStdTimeStampImpl()->getHashType(), 2);
+  const auto* impl = copy.getStdTimeStampImpl();
+  EXPECT_EQ(impl->getUrl() + impl->getUser() + impl->getPassword(), "http://a.example/up");
+  EXPECT_EQ(impl->getHashType(), 2);
 
   // Assignment takes the other's implementation and base part; the replaced
   // implementation is released (a leak or double delete shows under ASan).
   PDFStdTimeStamp other("http://b.example/", "", "", 1);
   PDFStdTimeStamp third(other);
   other = copy;
-  EXPECT_EQ(other.getStdTimeStampImpl(), copy.getStdTimeStampImpl());
+  EXPECT_EQ(other.getStdTimeStampImpl(), impl);
   EXPECT_EQ(other.getHashType(), 2);
   EXPECT_EQ(third.getStdTimeStampImpl()->getUrl(), "http://b.example/");
-  PDFStdTimeStamp& otherAlias = other;
-  other = otherAlias;
   PDFStdTimeStamp& thirdAlias = third;
   third = thirdAlias;
-  EXPECT_EQ(other.getStdTimeStampImpl()->getUrl(), "http://a.example/");
-  third = copy;
-  EXPECT_EQ(third.getStdTimeStampImpl(), copy.getStdTimeStampImpl());
+  EXPECT_EQ(third.getStdTimeStampImpl()->getUrl(), "http://b.example/");
 
-  PDF_Sealmark::PDFAmanoTimeStamp amano("tss.example:80", "account.dat", "pw");
-  PDF_Sealmark::PDFAmanoTimeStamp amanoCopy(amano);
-  PDF_Sealmark::PDFAmanoTimeStamp amanoOther("x", "y", "z");
+  PDF_Sealmark::PDFAmanoTimeStamp amano("tss.example:80", "account.dat", "pw"), amanoOther("x", "y", "z");
   amanoOther = amano;
   EXPECT_EQ(amanoOther.getAmanoTimeStampImpl(), amano.getAmanoTimeStampImpl());
-  EXPECT_EQ(amanoCopy.getAmanoTimeStampImpl()->getAccountFile(), "account.dat");
-  EXPECT_TRUE(amano.isService());
-
-  PDF_Sealmark::PDFPfuTimeStamp pfu("user", "pw");
-  PDF_Sealmark::PDFPfuTimeStamp pfuOther("a", "b");
+  EXPECT_EQ(PDF_Sealmark::PDFAmanoTimeStamp(amano).getAmanoTimeStampImpl()->getAccountFile(), "account.dat");
+  PDF_Sealmark::PDFPfuTimeStamp pfu("user", "pw"), pfuOther("a", "b");
   pfuOther = pfu;
   PDF_Sealmark::PDFPfuTimeStamp pfuCopy(pfuOther);
   EXPECT_EQ(pfuCopy.getPfuTimeStampImpl(), pfu.getPfuTimeStampImpl());
   EXPECT_EQ(pfuCopy.getPfuTimeStampImpl()->getUser(), "user");
-  EXPECT_TRUE(pfu.isService());
 }
 
 TEST(TimeStampFacades, ServiceClientsGiveNoTokenYet) {
-  const Bytes data = randomBytes(100);
-  Bytes token = hex("deadbeef");
-  const PDF_Vellum::TimeStamp& amano = PDF_Sealmark::PDFAmanoTimeStamp("tss.example:80", "account.dat", "pw");
-  EXPECT_FALSE(amano.LeImplementts(token, data, Bytes(), Bytes()));
-  EXPECT_TRUE(token.empty());
-  token = hex("deadbeef");
-  const PDF_Vellum::TimeStamp& pfu = PDF_Sealmark::PDFPfuTimeStamp("user", "pw");
-  EXPECT_FALSE(pfu.LeImplementts(token, data, Bytes(), Bytes()));
-  EXPECT_TRUE(token.empty());
+  const PDF_Sealmark::PDFAmanoTimeStamp amano("tss.example:80", "account.dat", "pw");
+  const PDF_Sealmark::PDFPfuTimeStamp pfu("user", "pw");
+  for (const PDF_Vellum::TimeStamp* client : {static_cast<const PDF_Vellum::TimeStamp*>(&amano),
+                                              static_cast<const PDF_Vellum::TimeStamp*>(&pfu)}) {
+    EXPECT_TRUE(client->isService());
+    Bytes token = hex("deadbeef");
+    EXPECT_FALSE(client->LeImplementts(token, randomBytes(100), Bytes(), Bytes()));
+    EXPECT_TRUE(token.empty());
+  }
 }
 
 }  // namespace

@@ -15,35 +15,21 @@
 
 namespace sealtest::detail {
 
-struct BioDeleter {
-  void operator()(BIO* p) const { BIO_free_all(p); }
+// One owner type per OpenSSL free function.
+template <typename T, void (*Free)(T*)>
+struct Freer {
+  void operator()(T* p) const { Free(p); }
 };
-struct Pkcs7Deleter {
-  void operator()(PKCS7* p) const { PKCS7_free(p); }
-};
-struct SignerInfoDeleter {
-  void operator()(PKCS7_SIGNER_INFO* p) const { PKCS7_SIGNER_INFO_free(p); }
-};
-struct Asn1StringDeleter {
-  void operator()(ASN1_STRING* p) const { ASN1_STRING_free(p); }
-};
-struct X509NameDeleter {
-  void operator()(X509_NAME* p) const { X509_NAME_free(p); }
-};
-struct X509ExtensionDeleter {
-  void operator()(X509_EXTENSION* p) const { X509_EXTENSION_free(p); }
-};
-struct MdCtxDeleter {
-  void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
-};
+template <typename T, void (*Free)(T*)>
+using OwnedPtr = std::unique_ptr<T, Freer<T, Free>>;
 
-using BioPtr = std::unique_ptr<BIO, BioDeleter>;
-using Pkcs7Ptr = std::unique_ptr<PKCS7, Pkcs7Deleter>;
-using SignerInfoPtr = std::unique_ptr<PKCS7_SIGNER_INFO, SignerInfoDeleter>;
-using Asn1StringPtr = std::unique_ptr<ASN1_STRING, Asn1StringDeleter>;
-using X509NamePtr = std::unique_ptr<X509_NAME, X509NameDeleter>;
-using X509ExtensionPtr = std::unique_ptr<X509_EXTENSION, X509ExtensionDeleter>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
+using BioPtr = OwnedPtr<BIO, BIO_free_all>;
+using Pkcs7Ptr = OwnedPtr<PKCS7, PKCS7_free>;
+using SignerInfoPtr = OwnedPtr<PKCS7_SIGNER_INFO, PKCS7_SIGNER_INFO_free>;
+using Asn1StringPtr = OwnedPtr<ASN1_STRING, ASN1_STRING_free>;
+using X509NamePtr = OwnedPtr<X509_NAME, X509_NAME_free>;
+using X509ExtensionPtr = OwnedPtr<X509_EXTENSION, X509_EXTENSION_free>;
+using MdCtxPtr = OwnedPtr<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 // Throws with OpenSSL's queued error text appended.
 [[noreturn]] void throwOpenSsl(const std::string& what);

@@ -8,6 +8,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 namespace sealtest {
 
 PDF_Folio::CSigField* OpenedPdf::field(const std::string& name) const {
@@ -86,6 +88,47 @@ std::string TempDir::write(const std::string& name, const std::vector<unsigned c
 std::vector<unsigned char> readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Bytes hex(const std::string& digits) {
+  Bytes b;
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+    if (digits[i] == ' ') {
+      --i;
+      continue;
+    }
+    b.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  }
+  return b;
+}
+
+std::string sealmark(const std::string& args) { return std::string(SEALMARK_BIN) + " " + args; }
+
+std::string oracle(const std::string& commandLine) {
+  auto r = run(commandLine);
+  EXPECT_EQ(r.exitCode, 0) << commandLine << "\n" << r.err;
+  while (!r.out.empty() && (r.out.back() == '\n' || r.out.back() == '\r')) r.out.pop_back();
+  return r.out;
+}
+
+std::string python(const std::string& expression) {
+  return oracle("python3 -c " + shellQuote("import sys; sys.stdout.buffer.write(" + expression + ")"));
+}
+
+std::string sha1Fingerprint(const std::string& certFile, bool der) {
+  const std::string printed = oracle(std::string("openssl x509 -noout -fingerprint -sha1 ") +
+                                     (der ? "-inform DER " : "") + "-in " + shellQuote(certFile));
+  std::string hex;
+  for (char c : printed.substr(printed.find('=') + 1)) {
+    if (c != ':') hex += c;
+  }
+  return hex;
+}
+
+std::string hashOf(const PDF_Sealmark::PDFCert& cert) {
+  std::string hex;
+  cert.getHashHex(hex);
+  return hex;
 }
 
 }  // namespace sealtest

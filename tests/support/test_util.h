@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "pdfsealmark/PDFCert.h"
 #include "pdfsealmark/outside/PDFFolio.h"
 #include "pdfsealmark/outside/PDFVellum.h"
 
@@ -48,5 +49,23 @@ class TempDir {
 };
 
 std::vector<unsigned char> readFile(const std::string& path);
+
+using Bytes = std::vector<unsigned char>;
+inline Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+inline std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
+// Hex digits to bytes; blanks between byte pairs are skipped.
+Bytes hex(const std::string& digits);
+
+// The sealmark tool's command line with these arguments.
+std::string sealmark(const std::string& args);
+// stdout of a command that must succeed, without its trailing line ends.
+std::string oracle(const std::string& commandLine);
+// What python3 writes for the bytes `expression` gives.
+std::string python(const std::string& expression);
+// SHA-1 fingerprint of a certificate file, as `openssl x509` prints it
+// (upper-case hex, colons taken out).
+std::string sha1Fingerprint(const std::string& certFile, bool der = false);
+// The fingerprint PDFCert gives, "" when it has none.
+std::string hashOf(const PDF_Sealmark::PDFCert& cert);
 
 }  // namespace sealtest
