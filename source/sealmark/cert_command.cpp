@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "args.h"
 #include "commands.h"
 #include "output.h"
 #include "cert_report.h"
@@ -100,45 +101,18 @@ void printText(const std::string& file, const CertReport& r, const RevocationUrl
 }
 
 bool parseArgs(const Args& args, CertOptions& opts, int& exitCode) {
-  auto usageError = [&](const std::string& reason) {
-    complain("cert", reason + " (see 'sealmark cert --help')");
-    exitCode = kExitUsage;
-    return false;
-  };
-  if (args.empty()) return usageError("no subcommand given");
-  if (args[0] == "-h" || args[0] == "--help") {
-    std::cout << kCertHelp;
-    exitCode = kExitOk;
-    return false;
+  ArgParser parser("cert", kCertHelp);
+  parser.flag("--json", &opts.json).value("--password", &opts.password);
+  // The subcommand comes first; help may be asked for before it.
+  if (!args.empty() && args[0] != "show" && args[0] != "-h" && args[0] != "--help") {
+    return parser.usageError("unknown subcommand " + args[0], exitCode);
   }
-  if (args[0] != "show") return usageError("unknown subcommand " + args[0]);
   std::vector<std::string> files;
-  for (std::size_t i = 1; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (a == "-h" || a == "--help") {
-      std::cout << kCertHelp;
-      exitCode = kExitOk;
-      return false;
-    }
-    if (a == "--json") {
-      opts.json = true;
-    } else if (a == "--password") {
-      if (i + 1 == args.size()) return usageError("--password needs a value");
-      opts.password = args[++i];
-    } else if (a.rfind("--password=", 0) == 0) {
-      opts.password = a.substr(11);
-    } else if (a == "--") {
-      files.insert(files.end(), args.begin() + static_cast<long>(i) + 1, args.end());
-      break;
-    } else if (a.size() > 1 && a[0] == '-') {
-      return usageError("unknown option " + a);
-    } else {
-      files.push_back(a);
-    }
-  }
-  if (files.empty()) return usageError("no FILE given");
-  if (files.size() > 1) return usageError("one FILE at a time");
-  opts.file = files[0];
+  if (!parser.parse(args, files, exitCode)) return false;
+  if (files.empty() || files[0] != "show") return parser.usageError("no subcommand given", exitCode);
+  if (files.size() < 2) return parser.usageError("no FILE given", exitCode);
+  if (files.size() > 2) return parser.usageError("one FILE at a time", exitCode);
+  opts.file = files[1];
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <string>
 
+#include "args.h"
 #include "commands.h"
 #include "output.h"
 #include "report.h"
@@ -37,40 +38,18 @@ struct RevisionsOptions {
 };
 
 bool parseArgs(const Args& args, RevisionsOptions& opts, int& exitCode) {
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (a == "-h" || a == "--help") {
-      std::cout << kRevisionsHelp;
-      exitCode = kExitOk;
-      return false;
-    }
-    if (a == "--json") {
-      opts.json = true;
-    } else if (a == "--password" || a == "--extract" || a == "--output") {
-      if (i + 1 == args.size()) {
-        complain("revisions", a + " needs a value");
-        exitCode = kExitUsage;
-        return false;
-      }
-      std::string& target = a == "--password" ? opts.password : a == "--extract" ? opts.extract : opts.output;
-      target = args[++i];
-    } else if (a.size() > 1 && a[0] == '-') {
-      complain("revisions", "unknown option " + a + " (see 'sealmark revisions --help')");
-      exitCode = kExitUsage;
-      return false;
-    } else if (opts.file.empty()) {
-      opts.file = a;
-    } else {
-      complain("revisions", "one FILE only (see 'sealmark revisions --help')");
-      exitCode = kExitUsage;
-      return false;
-    }
+  ArgParser parser("revisions", kRevisionsHelp);
+  parser.flag("--json", &opts.json)
+      .value("--password", &opts.password)
+      .value("--extract", &opts.extract)
+      .value("--output", &opts.output);
+  std::vector<std::string> files;
+  if (!parser.parse(args, files, exitCode)) return false;
+  if (files.size() != 1) return parser.usageError(files.empty() ? "no FILE given" : "one FILE only", exitCode);
+  if (opts.extract.empty() != opts.output.empty()) {
+    return parser.usageError("--extract N goes with --output OUT", exitCode);
   }
-  if (opts.file.empty() || opts.extract.empty() != opts.output.empty()) {
-    complain("revisions", "needs FILE, and --extract N goes with --output OUT (see 'sealmark revisions --help')");
-    exitCode = kExitUsage;
-    return false;
-  }
+  opts.file = files[0];
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "commands.h"
 #include "output.h"
 #include "pdfsealmark/PDFCert.h"
@@ -53,71 +54,28 @@ struct RevocationOptions {
 };
 
 bool parseArgs(const Args& args, RevocationOptions& opts, int& exitCode) {
-  auto usageError = [&](const std::string& reason) {
-    complain("revocation", reason + " (see 'sealmark revocation --help')");
-    exitCode = kExitUsage;
-    return false;
-  };
+  ArgParser parser("revocation", kRevocationHelp);
+  std::optional<std::string> issuer;
+  parser.flag("--json", &opts.json)
+      .flag("--no-nonce", &opts.noNonce)
+      .value("--issuer", &issuer)
+      .repeated("--chain", &opts.chain)
+      .value("--time", &opts.time)
+      .value("--crl-cache", &opts.cacheDir)
+      .value("--ldap-servers", &opts.ldapServers);
   std::vector<std::string> files;
-  bool haveIssuer = false;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    std::string a = args[i];
-    std::optional<std::string> inlineValue;
-    const std::size_t eq = a.find('=');
-    if (a.rfind("--", 0) == 0 && eq != std::string::npos) {
-      inlineValue = a.substr(eq + 1);
-      a = a.substr(0, eq);
-    }
-    auto value = [&](std::string& out) {
-      if (inlineValue) {
-        out = *inlineValue;
-        return true;
-      }
-      if (i + 1 == args.size()) return false;
-      out = args[++i];
-      return true;
-    };
-    std::string v;
-    if (a == "-h" || a == "--help") {
-      std::cout << kRevocationHelp;
-      exitCode = kExitOk;
-      return false;
-    } else if (a == "--json" || a == "--no-nonce") {
-      if (inlineValue) return usageError(a + " takes no value");
-      (a == "--json" ? opts.json : opts.noNonce) = true;
-    } else if (a == "--issuer" || a == "--chain" || a == "--time" || a == "--crl-cache" ||
-               a == "--ldap-servers") {
-      if (!value(v)) return usageError(a + " needs a value");
-      if (a == "--issuer") {
-        opts.issuer = v;
-        haveIssuer = true;
-      } else if (a == "--chain") {
-        opts.chain.push_back(v);
-      } else if (a == "--time") {
-        opts.time = v;
-      } else if (a == "--crl-cache") {
-        opts.cacheDir = v;
-      } else {
-        opts.ldapServers = v;
-      }
-    } else if (a == "--") {
-      files.insert(files.end(), args.begin() + static_cast<long>(i) + 1, args.end());
-      break;
-    } else if (a.size() > 1 && a[0] == '-') {
-      return usageError("unknown option " + a);
-    } else {
-      files.push_back(a);
-    }
-  }
-  if (files.empty()) return usageError("no CERT given");
-  if (files.size() > 1) return usageError("one CERT at a time");
-  if (!haveIssuer) return usageError("--issuer is required");
+  if (!parser.parse(args, files, exitCode)) return false;
+  if (files.empty()) return parser.usageError("no CERT given", exitCode);
+  if (files.size() > 1) return parser.usageError("one CERT at a time", exitCode);
+  if (!issuer) return parser.usageError("--issuer is required", exitCode);
   // The library reads dates by fixed positions; anything else would be
   // read as a wrong moment, or not at all.
   static const std::regex kDate("[0-9]{12}([0-9]{2})?(Z|[+-][0-9]{2}([0-9]{2})?)?");
-  if (opts.time && !std::regex_match(*opts.time, kDate))
-    return usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'");
+  if (opts.time && !std::regex_match(*opts.time, kDate)) {
+    return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'", exitCode);
+  }
   opts.cert = files[0];
+  opts.issuer = *issuer;
   return true;
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "commands.h"
 #include "pdfsealmark/PDFStdTimeStamp.h"
 
@@ -62,70 +63,21 @@ struct TimestampOptions {
   std::string input;
 };
 
-// Takes "--name VALUE" or "--name=VALUE"; false when it isn't that option.
-bool optionValue(const Args& args, std::size_t& i, const std::string& name, std::string& value, bool& missing) {
-  const std::string& a = args[i];
-  if (a == name) {
-    if (i + 1 == args.size()) {
-      missing = true;
-      return true;
-    }
-    value = args[++i];
-    return true;
-  }
-  if (a.rfind(name + "=", 0) == 0) {
-    value = a.substr(name.size() + 1);
-    return true;
-  }
-  return false;
-}
-
 bool parseArgs(const Args& args, TimestampOptions& opts, int& exitCode) {
-  exitCode = kExitUsage;
+  ArgParser parser("timestamp", kTimestampHelp);
+  parser.value("--url", &opts.url)
+      .value("--user", &opts.user)
+      .value("--password", &opts.password)
+      .value("--hash", &opts.hash)
+      .value("--output", &opts.output);
   std::vector<std::string> inputs;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (a == "-h" || a == "--help") {
-      std::cout << kTimestampHelp;
-      exitCode = kExitOk;
-      return false;
-    }
-    bool missing = false;
-    const std::string name = a.substr(0, a.find('='));
-    if (optionValue(args, i, "--url", opts.url, missing) || optionValue(args, i, "--user", opts.user, missing) ||
-        optionValue(args, i, "--password", opts.password, missing) ||
-        optionValue(args, i, "--hash", opts.hash, missing) || optionValue(args, i, "--output", opts.output, missing)) {
-      if (missing) {
-        complain("timestamp", name + " needs a value");
-        return false;
-      }
-    } else if (a == "--") {
-      inputs.insert(inputs.end(), args.begin() + static_cast<long>(i) + 1, args.end());
-      break;
-    } else if (a.size() > 1 && a[0] == '-') {
-      complain("timestamp", "unknown option " + a + " (see 'sealmark timestamp --help')");
-      return false;
-    } else {
-      inputs.push_back(a);
-    }
-  }
-  if (opts.url.empty()) {
-    complain("timestamp", "--url is required (see 'sealmark timestamp --help')");
-    return false;
-  }
+  if (!parser.parse(args, inputs, exitCode)) return false;
+  if (opts.url.empty()) return parser.usageError("--url is required", exitCode);
   if (opts.hash != "sha512" && opts.hash != "sha1") {
-    complain("timestamp", "--hash must be sha1 or sha512, not '" + opts.hash + "'");
-    return false;
+    return parser.usageError("--hash must be sha1 or sha512, not '" + opts.hash + "'", exitCode);
   }
-  if (opts.user.empty() != opts.password.empty()) {
-    complain("timestamp", "--user and --password go together");
-    return false;
-  }
-  if (inputs.size() != 1) {
-    complain("timestamp", inputs.empty() ? "no INPUT given (see 'sealmark timestamp --help')"
-                                         : "one INPUT at a time (see 'sealmark timestamp --help')");
-    return false;
-  }
+  if (opts.user.empty() != opts.password.empty()) return parser.usageError("--user and --password go together", exitCode);
+  if (inputs.size() != 1) return parser.usageError(inputs.empty() ? "no INPUT given" : "one INPUT at a time", exitCode);
   opts.input = inputs[0];
   if (opts.output.empty()) opts.output = opts.input + ".tsr";
   return true;

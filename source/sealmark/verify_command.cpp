@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "commands.h"
 #include "output.h"
 #include "report.h"
@@ -125,51 +126,15 @@ void printTable(const DocumentReport& report, std::ostream& out) {
 }
 
 bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (a == "-h" || a == "--help") {
-      std::cout << kVerifyHelp;
-      exitCode = kExitOk;
-      return false;
-    }
-    if (a == "--json") {
-      opts.json = true;
-    } else if (a == "--password") {
-      if (i + 1 == args.size()) {
-        complain("verify", "--password needs a value");
-        exitCode = kExitUsage;
-        return false;
-      }
-      opts.password = args[++i];
-    } else if (a.rfind("--password=", 0) == 0) {
-      opts.password = a.substr(11);
-    } else if (a == "--extract-signed" || a == "--output") {
-      if (i + 1 == args.size()) {
-        complain("verify", a + " needs a value");
-        exitCode = kExitUsage;
-        return false;
-      }
-      (a == "--output" ? opts.output : opts.extractField) = args[++i];
-    } else if (a == "--") {
-      opts.files.insert(opts.files.end(), args.begin() + static_cast<long>(i) + 1, args.end());
-      break;
-    } else if (a.size() > 1 && a[0] == '-') {
-      complain("verify", "unknown option " + a + " (see 'sealmark verify --help')");
-      exitCode = kExitUsage;
-      return false;
-    } else {
-      opts.files.push_back(a);
-    }
-  }
-  if (opts.files.empty()) {
-    complain("verify", "no FILE given (see 'sealmark verify --help')");
-    exitCode = kExitUsage;
-    return false;
-  }
+  ArgParser parser("verify", kVerifyHelp);
+  parser.flag("--json", &opts.json)
+      .value("--password", &opts.password)
+      .value("--extract-signed", &opts.extractField)
+      .value("--output", &opts.output);
+  if (!parser.parse(args, opts.files, exitCode)) return false;
+  if (opts.files.empty()) return parser.usageError("no FILE given", exitCode);
   if (opts.extractField.empty() != opts.output.empty() || (!opts.extractField.empty() && opts.files.size() != 1)) {
-    complain("verify", "--extract-signed FIELD needs --output OUT and exactly one FILE");
-    exitCode = kExitUsage;
-    return false;
+    return parser.usageError("--extract-signed FIELD needs --output OUT and exactly one FILE", exitCode);
   }
   return true;
 }
