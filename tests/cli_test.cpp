@@ -93,6 +93,24 @@ TEST_F(VerifyCommand, PermissionsAndUnsignedFields) {
             "[('Signature1', True, True, 0, {'P': 2, 'field_mdp': False}), ('Later', False, None, None, None)]\n");
 }
 
+TEST_F(VerifyCommand, DocumentTimeStampsGetNoVerdict) {
+  // Contents that would fail the signature check: a document time stamp is
+  // not judged by it, and doesn't fail the run.
+  sealtest::SignatureOptions stamp;
+  stamp.name = "DocTimeStamp";
+  stamp.subFilter = "ETSI.RFC3161";
+  const std::string path =
+      dir_->write("stamped.pdf", sealtest::PdfBuilder().sign().sign(stamp).tamperPageContent().build());
+  auto r = run(sealmark("verify --json " + shellQuote(path)));
+  EXPECT_EQ(r.exitCode, 1) << "the signature over the tampered page still fails";
+  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['kind'], s['intact']) for s in d['signatures']]"),
+            "[('Signature1', 'signature', False), ('DocTimeStamp', 'document_timestamp', None)]\n");
+  const std::string alone = dir_->write("stamp-only.pdf", sealtest::PdfBuilder().sign(stamp).tamperPageContent().build());
+  r = run(sealmark("verify " + shellQuote(alone)));
+  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_NE(r.out.find("time stamp, not checked"), std::string::npos) << r.out;
+}
+
 TEST_F(VerifyCommand, ExtractSignedRevision) {
   const std::string out = dir_->file("approval-signed.pdf");
   auto r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Signature1 --output " + shellQuote(out)));

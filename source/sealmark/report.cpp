@@ -35,14 +35,20 @@ FieldReport examineField(PDF_Folio::CSigField* field, const DocumentReport& doc,
   v.parse(field);
   if (v.getPageNum() > 0) r.page = v.getPageNum();
   if (PDF_Vellum::PDFAcroform* sigDict = v.getSigDict()) {
-    PDF_Vellum::PDFObject* filter = sigDict->getContents("/Filter");
-    if (filter && filter->getString()) {
-      r.filter = std::string(filter->getString(), static_cast<std::size_t>(filter->getLenth()));
-    }
+    auto text = [&](const char* key) -> std::optional<std::string> {
+      PDF_Vellum::PDFObject* value = sigDict->getContents(key);
+      if (!value || !value->getString()) return std::nullopt;
+      return std::string(value->getString(), static_cast<std::size_t>(value->getLenth()));
+    };
+    r.filter = text("/Filter");
+    // A document time stamp holds an RFC 3161 token over the byte ranges,
+    // not a signature over their digest: the signature check says nothing
+    // about it, so it gets no intact verdict.
+    if (text("/SubFilter") == std::optional<std::string>("/ETSI.RFC3161")) r.kind = "document_timestamp";
   }
   r.isSigned = v.getHasSigned();
   if (!r.isSigned) return r;
-  if (verify) r.intact = v.verify();
+  if (verify && r.kind == "signature") r.intact = v.verify();
 
   long o1 = -1, l1 = -1, o2 = -1, l2 = -1;
   v.getSigDict()->getByteRange(o1, l1, o2, l2);

@@ -23,6 +23,8 @@ struct FieldReport {
   std::string field;
   std::optional<int> page;
   std::optional<std::string> filter;
+  // "signature", or "document_timestamp" for /SubFilter /ETSI.RFC3161.
+  std::string kind = "signature";
   bool isSigned = false;
   std::optional<bool> intact;
   // The byte range, when it is valid, and the end of the signed bytes.

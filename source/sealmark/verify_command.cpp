@@ -27,6 +27,9 @@ const char kVerifyHelp[] =
     "  --output OUT    where --extract-signed writes\n"
     "  -h, --help      show this help\n"
     "\n"
+    "A document time stamp (/SubFilter /ETSI.RFC3161) holds a time-stamp token,\n"
+    "not a signature: it is listed with kind document_timestamp and no verdict.\n"
+    "\n"
     "exit codes: 0 every signed field is intact, 1 a signature is not intact,\n"
     "2 bad usage or a file that cannot be opened\n";
 
@@ -51,6 +54,7 @@ void printJson(const DocumentReport& report, JsonWriter& json) {
         .key("page").value(f.page)
         .key("filter").value(f.filter)
         .key("signed").value(f.isSigned)
+        .key("kind").value(f.kind)
         .key("intact").value(f.intact)
         .key("signing_time").value(f.signingTime)
         .key("byte_range");
@@ -117,7 +121,11 @@ void printTable(const DocumentReport& report, std::ostream& out) {
       if (signer.empty()) signer = c.subject.empty() ? "?" : c.subject.back().value;
     }
     table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", signer,
-                  displayTime(f.signingTime), !f.intact ? "-" : *f.intact ? "yes" : "NO",
+                  displayTime(f.signingTime),
+                  f.kind != "signature" && f.isSigned ? "time stamp, not checked"
+                  : !f.intact                          ? "-"
+                  : *f.intact                          ? "yes"
+                                                       : "NO",
                   f.revision ? std::to_string(*f.revision) : "-",
                   !f.coversWholeDocument ? "-" : *f.coversWholeDocument ? "yes" : "no",
                   permissionText(f.permission)});
