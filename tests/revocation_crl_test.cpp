@@ -22,21 +22,15 @@ using PDF_Sealmark::PDFCert;
 using sealtest::TestCa;
 using Bytes = std::vector<unsigned char>;
 
-PDFCert loadCert(const std::string& path) {
-  PDFCert cert;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(cert.loadX509(in, true)) << path;
-  return cert;
-}
-
-X509* x509Of(const PDFCert& cert) { return reinterpret_cast<X509*>(cert.getX509()); }
+using sealtest::loadCertFile;
+using sealtest::x509Of;
 
 class CrlCheck : public ::testing::Test {
  protected:
-  void SetUp() override { issuer_ = loadCert(ca_.certFile()); }
+  void SetUp() override { issuer_ = loadCertFile(ca_.certFile()); }
 
   PDFCert leaf(const std::string& serial, const std::string& cdp) {
-    return loadCert(ca_.issue("leaf" + serial, serial, "crlDistributionPoints=" + cdp));
+    return loadCertFile(ca_.issue("leaf" + serial, serial, "crlDistributionPoints=" + cdp));
   }
   bool check(PDFCert& cert, const std::string& time, const char* cacheDir = nullptr) {
     return cert.checkCRL(time.empty() ? nullptr : time.c_str(), cacheDir, nullptr, &issuer_, nullptr, 0);
@@ -116,7 +110,7 @@ TEST_F(CrlCheck, NoUsableCrlOrNoneNamed) {
   EXPECT_FALSE(check(unusable, ""));
   EXPECT_EQ(unusable.getValid(), 3);
 
-  PDFCert neither = loadCert(ca_.issue("plain", "3002", "keyUsage=digitalSignature"));
+  PDFCert neither = loadCertFile(ca_.issue("plain", "3002", "keyUsage=digitalSignature"));
   EXPECT_TRUE(check(neither, ""));
   EXPECT_EQ(neither.getValid(), 0);
   EXPECT_FALSE(PDFCert().checkCRL(nullptr, nullptr, nullptr, &issuer_, nullptr, 0));

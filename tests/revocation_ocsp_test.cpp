@@ -17,26 +17,20 @@ using PDF_Sealmark::PDFCert;
 using sealtest::TestCa;
 using sealtest::TestOcspResponder;
 
-PDFCert loadCert(const std::string& path) {
-  PDFCert cert;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(cert.loadX509(in, true)) << path;
-  return cert;
-}
-
-X509* x509Of(const PDFCert& cert) { return reinterpret_cast<X509*>(cert.getX509()); }
+using sealtest::loadCertFile;
+using sealtest::x509Of;
 
 class OcspCheck : public ::testing::Test {
  protected:
   void SetUp() override {
     responder_ = std::make_unique<TestOcspResponder>(ca_);
-    issuer_ = loadCert(ca_.certFile());
+    issuer_ = loadCertFile(ca_.certFile());
   }
 
   // A leaf naming the responder, and a CRL at a URL that must stay unread
   // whenever the responder answers.
   PDFCert leaf(const std::string& serial, const std::string& ocspUrl) {
-    return loadCert(ca_.issue("leaf" + serial, serial,
+    return loadCertFile(ca_.issue("leaf" + serial, serial,
                               "authorityInfoAccess=OCSP;URI:" + ocspUrl + "\ncrlDistributionPoints=URI:" +
                                   crls_.url("/ca.crl")));
   }
@@ -114,10 +108,10 @@ TEST_F(OcspCheck, SignatureMustLeadToIssuerOrChain) {
   EXPECT_EQ(impostor.answered(), 1);
 
   // A chain replaces the issuer as anchor: the issuer isn't added to it.
-  std::vector<PDFCert> strangerChain{loadCert(stranger.certFile())};
+  std::vector<PDFCert> strangerChain{loadCertFile(stranger.certFile())};
   EXPECT_TRUE(byDelegate.checkCRL(nullptr, nullptr, nullptr, &issuer_, &strangerChain, 0));
   EXPECT_EQ(byDelegate.getValid(), 1);
-  std::vector<PDFCert> caChain{loadCert(stranger.certFile()), loadCert(ca_.certFile())};
+  std::vector<PDFCert> caChain{loadCertFile(stranger.certFile()), loadCertFile(ca_.certFile())};
   EXPECT_TRUE(byDelegate.checkCRL(nullptr, nullptr, nullptr, &issuer_, &caChain, 0));
   EXPECT_EQ(byDelegate.getValid(), 2);
   // An empty chain counts like none.
@@ -128,7 +122,7 @@ TEST_F(OcspCheck, SignatureMustLeadToIssuerOrChain) {
 
 TEST_F(OcspCheck, NoAnswerFallsBackOrStaysUndecided) {
   const std::string dead = "http://127.0.0.1:" + std::to_string(sealtest::unusedLoopbackPort()) + "/ocsp";
-  PDFCert onlyOcsp = loadCert(ca_.issue("only ocsp", "4001", "authorityInfoAccess=OCSP;URI:" + dead));
+  PDFCert onlyOcsp = loadCertFile(ca_.issue("only ocsp", "4001", "authorityInfoAccess=OCSP;URI:" + dead));
   EXPECT_FALSE(onlyOcsp.checkCRL(nullptr, nullptr, nullptr, &issuer_, nullptr, 0));
   EXPECT_EQ(onlyOcsp.getValid(), 3);
 
@@ -145,7 +139,7 @@ TEST_F(OcspCheck, OnlyAnEmptyExchangeTriesTheSocketPath) {
   sealtest::LoopbackHttpServer notOcsp(
       [](const sealtest::HttpRequest&) { return sealtest::Reply::ok("this is no OCSPResponse"); });
   sealtest::LoopbackHttpServer empty([](const sealtest::HttpRequest&) { return sealtest::Reply::ok(""); });
-  PDFCert cert = loadCert(ca_.issue("transport", "5001", "basicConstraints=CA:false"));
+  PDFCert cert = loadCertFile(ca_.issue("transport", "5001", "basicConstraints=CA:false"));
   PDF_Sealmark::PDFCertImpl* impl = PDF_Sealmark::PDFCertImpl::implOf(cert);
 
   EXPECT_EQ(impl->checkOCSP(notOcsp.url("/").c_str(), x509Of(issuer_), nullptr, 0), -1);
@@ -159,12 +153,12 @@ TEST_F(OcspCheck, OnlyAnEmptyExchangeTriesTheSocketPath) {
 
 TEST(OcspUrl, FirstOcspUriWins) {
   TestCa ca;
-  PDFCert cert = loadCert(ca.issue("aia", "6001",
+  PDFCert cert = loadCertFile(ca.issue("aia", "6001",
                                    "authorityInfoAccess=caIssuers;URI:http://ca.example/ca.crt,"
                                    "OCSP;email:ocsp@example.com,OCSP;URI:http://first.example/,"
                                    "OCSP;URI:http://second.example/"));
   EXPECT_EQ(cert.getOcspUrl(), "http://first.example/");
-  PDFCert none = loadCert(ca.issue("no aia", "6002", "crlDistributionPoints=URI:http://x.example/c.crl"));
+  PDFCert none = loadCertFile(ca.issue("no aia", "6002", "crlDistributionPoints=URI:http://x.example/c.crl"));
   EXPECT_EQ(none.getOcspUrl(), "");
   EXPECT_EQ(PDFCert().getOcspUrl(), "");
 }

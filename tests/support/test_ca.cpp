@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -380,6 +382,13 @@ void TestLdapDirectory::stop() {
   ::kill(pid_, SIGKILL);
   ::waitpid(pid_, nullptr, 0);
   pid_ = -1;
+}
+
+PDF_Sealmark::PDFCert loadCertFile(const std::string& path) {
+  PDF_Sealmark::PDFCert cert;
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(cert.loadX509(in, true)) << path;
+  return cert;
 }
 
 }  // namespace sealtest

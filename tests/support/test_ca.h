@@ -22,6 +22,8 @@
 
 #include <sys/types.h>
 
+#include <openssl/x509.h>
+
 #include <atomic>
 #include <ctime>
 #include <memory>
@@ -29,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "pdfsealmark/PDFCert.h"
 #include "support/loopback_http.h"
 #include "support/test_util.h"
 
@@ -159,5 +162,11 @@ class TestLdapDirectory {
   int port_ = 0;
   std::string why_;
 };
+
+// A certificate file (DER or PEM) as the library reads it; a failed load is
+// a test failure.
+PDF_Sealmark::PDFCert loadCertFile(const std::string& path);
+// The X509 a certificate lends, borrowed.
+inline X509* x509Of(const PDF_Sealmark::PDFCert& cert) { return reinterpret_cast<X509*>(cert.getX509()); }
 
 }  // namespace sealtest
