@@ -4,7 +4,6 @@
 // as `openssl cms -print` shows it).
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 
 #include <map>
 #include <sstream>
@@ -45,25 +44,11 @@ for s in ours['signatures']:
         print('ok P' if p == o['P'] else 'MISMATCH %s P: %r %r' % (s['field'], p, o['P']))
 )PY";
 
-void listPdfs(const std::string& dir, std::vector<std::string>& out) {
-  DIR* d = opendir(dir.c_str());
-  if (!d) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    if (e->d_type == DT_DIR) {
-      listPdfs(path, out);
-    } else if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdf") == 0) {
-      out.push_back(path);
-    }
-  }
-  closedir(d);
-}
-
 TEST(CorpusKeys, RevisionsCoverageSigningTimeAndPermissionAgreeWithAnIndependentReading) {
   std::vector<std::string> files;
-  listPdfs(SEALMARK_CORPUS_DIR, files);
+  for (const std::string& rel : sealtest::listPdfs(SEALMARK_CORPUS_DIR)) {
+    files.push_back(std::string(SEALMARK_CORPUS_DIR) + "/" + rel);
+  }
   if (files.empty()) GTEST_SKIP() << "no corpus at " << SEALMARK_CORPUS_DIR;
   sealtest::TempDir dir;
   const std::string script = dir.write("compare.py", std::vector<unsigned char>(kCompare, kCompare + sizeof kCompare - 1));

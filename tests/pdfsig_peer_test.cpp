@@ -4,8 +4,6 @@
 // listed below with its reason.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <sys/stat.h>
 
 #include <map>
 #include <set>
@@ -94,24 +92,6 @@ bool isDeliberate(const std::string& rel, const std::string& field) {
   return kDeliberate.count(rel) || kDeliberate.count(rel + "#" + field);
 }
 
-void listPdfs(const std::string& dir, const std::string& rel, std::vector<std::string>& out) {
-  DIR* d = opendir(dir.c_str());
-  if (!d) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      listPdfs(path, rel.empty() ? name : rel + "/" + name, out);
-    } else if (name.size() > 4 && name.substr(name.size() - 4) == ".pdf") {
-      out.push_back(rel.empty() ? name : rel + "/" + name);
-    }
-  }
-  closedir(d);
-}
-
 // Compares one file; gives the number of signatures on which a verdict was
 // compared.
 int compareFile(const std::string& path, const std::string& rel) {
@@ -153,8 +133,7 @@ int compareFile(const std::string& path, const std::string& rel) {
 
 TEST(PdfsigPeer, AgreesOnTheSharedCorpus) {
   const std::string corpus = SEALMARK_CORPUS_DIR;
-  std::vector<std::string> files;
-  listPdfs(corpus, "", files);
+  const std::vector<std::string> files = sealtest::listPdfs(corpus);
   if (files.empty()) GTEST_SKIP() << "no corpus at " << corpus;
   ASSERT_EQ(run("pdfsig -v").exitCode, 0) << "pdfsig (poppler-utils) is needed for this test";
   int compared = 0;

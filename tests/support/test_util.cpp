@@ -1,7 +1,10 @@
 #include "support/test_util.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -129,6 +132,34 @@ std::string hashOf(const PDF_Sealmark::PDFCert& cert) {
   std::string hex;
   cert.getHashHex(hex);
   return hex;
+}
+
+namespace {
+void collectPdfs(const std::string& dir, const std::string& rel, std::vector<std::string>& out) {
+  DIR* d = opendir(dir.c_str());
+  if (!d) return;
+  while (dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string path = dir + "/" + name;
+    const std::string relPath = rel.empty() ? name : rel + "/" + name;
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      collectPdfs(path, relPath, out);
+    } else if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdf") == 0) {
+      out.push_back(relPath);
+    }
+  }
+  closedir(d);
+}
+}  // namespace
+
+std::vector<std::string> listPdfs(const std::string& dir) {
+  std::vector<std::string> out;
+  collectPdfs(dir, "", out);
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 }  // namespace sealtest

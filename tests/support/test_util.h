@@ -50,6 +50,10 @@ class TempDir {
 
 std::vector<unsigned char> readFile(const std::string& path);
 
+// Every .pdf below dir, as paths relative to it, sorted; empty when dir
+// doesn't exist.
+std::vector<std::string> listPdfs(const std::string& dir);
+
 using Bytes = std::vector<unsigned char>;
 inline Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 inline std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
