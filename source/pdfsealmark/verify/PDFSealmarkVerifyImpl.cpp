@@ -113,6 +113,9 @@ STACK_OF(X509) * certificatesOf(PKCS7* p7) {
   return nullptr;
 }
 
+
+}  // namespace
+
 bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) {
   if (!p7 || !PKCS7_type_is_signed(p7) || !p7->d.sign || !p7->d.sign->contents || !data || size == 0) {
     return false;
@@ -140,12 +143,6 @@ bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) 
   }
   const auto expected = static_cast<unsigned int>(ASN1_STRING_length(content));
   return digestLen == expected && std::memcmp(digest, ASN1_STRING_get0_data(content), expected) == 0;
-}
-
-}  // namespace
-
-bool checkContentDigest(PKCS7* p7, const std::vector<unsigned char>& signedBytes) {
-  return checkContentDigest(p7, signedBytes.data(), signedBytes.size());
 }
 
 // --- the object -------------------------------------------------------------

@@ -78,7 +78,7 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
 
 // An embedded (adbe.pkcs7.sha1) signature carries the digest of the signed
 // bytes as its content.  The content's length alone picks the algorithm.
-bool checkContentDigest(PKCS7* p7, const std::vector<unsigned char>& signedBytes);
+bool checkContentDigest(PKCS7* p7, const unsigned char* signedBytes, std::size_t size);
 
 }  // namespace PDF_Sealmark
 
