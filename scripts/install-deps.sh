@@ -11,8 +11,10 @@ packages=(
   libqpdf-dev qpdf
   libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  nlohmann-json3-dev libcli11-dev libnss3-dev
   poppler-utils python3
   slapd ldap-utils
+  libnss3-tools softhsm2
 )
 
 missing=()
