@@ -11,6 +11,7 @@
 #include <openssl/evp.h>
 #include <sys/mman.h>
 
+#include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
 
 namespace PDF_Sealmark {
@@ -327,6 +328,19 @@ bool PDFSealmarkVerifyImpl::verify() const {
     bool settled = false;
     for (int c = 0; !settled && c < sk_X509_num(certs); ++c) {
       settled = PKCS7_signatureVerify(chain.get(), pkcs7, si, sk_X509_value(certs, c)) > 0;
+    }
+    // PKCS7_signatureVerify knows PKCS#1 v1.5, DSA and ECDSA only; the
+    // question is whether a key of the object signed these bytes, so other
+    // algorithms (RSASSA-PSS, EdDSA) are checked through EVP.
+    if (!settled && si->digest_alg) {
+      const ASN1_OCTET_STRING* content = detached ? nullptr : pkcs7->d.sign->contents->d.data;
+      const std::vector<unsigned char> digest =
+          detached ? digestWith(si->digest_alg, bytes.data(), bytes.size())
+                   : digestWith(si->digest_alg, ASN1_STRING_get0_data(content),
+                                static_cast<std::size_t>(ASN1_STRING_length(content)));
+      for (int c = 0; !settled && c < sk_X509_num(certs); ++c) {
+        settled = verifySignerInfo(si, sk_X509_value(certs, c), digest);
+      }
     }
     if (!settled) return false;
   }

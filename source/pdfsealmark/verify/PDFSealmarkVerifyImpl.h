@@ -55,6 +55,8 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
   std::string getSignedDate() const;                  // signer_info.cpp
   bool getSignedVerPdf(std::ostream& out) const;
   bool getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const;
+  // The field's page as parse finds it; needs acroform and doc.
+  std::int32_t findPage() const;
 
   // Fields, in this order; the owning pointers are freed only by clear().
   bool hasParsed = false;
@@ -73,7 +75,6 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
 
  private:
   void findTimeStampToken();
-  std::int32_t findPage() const;
 };
 
 // An embedded (adbe.pkcs7.sha1) signature carries the digest of the signed

@@ -1,0 +1,521 @@
+// The one-pass check: every signature's digests and the revision markers
+// from one sequential read of the file.
+#include "pdfsealmark/PDFDocumentCheck.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <functional>
+#include <istream>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include <openssl/objects.h>
+#include <openssl/ts.h>
+
+#include "pdfsealmark/PDFSealmarkVerify.h"
+#include "pdfsealmark/cert/PDFCertImpl.h"
+#include "pdfsealmark/check/signer_info_check.h"
+#include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
+
+namespace PDF_Sealmark {
+
+using Bytes = std::vector<unsigned char>;
+using PDF_Vellum::PDFAcroform;
+using PDF_Vellum::PDFDictionary;
+using PDF_Vellum::PDFIndirect;
+using PDF_Vellum::PDFName;
+using PDF_Vellum::PDFObject;
+using PDF_Vellum::PDFSmartPtr;
+
+PDFDocumentCheck::Signature::Signature() = default;
+PDFDocumentCheck::Signature::~Signature() = default;
+PDFDocumentCheck::Signature::Signature(const Signature&) = default;
+PDFDocumentCheck::Signature& PDFDocumentCheck::Signature::operator=(const Signature&) = default;
+PDFDocumentCheck::Result::Result() = default;
+PDFDocumentCheck::Result::~Result() = default;
+PDFDocumentCheck::Result::Result(const Result&) = default;
+PDFDocumentCheck::Result& PDFDocumentCheck::Result::operator=(const Result&) = default;
+
+namespace {
+
+constexpr std::size_t kChunk = 1u << 20;
+// A /Contents gap longer than this is no signature value we keep in memory.
+constexpr std::uint64_t kMaxGap = 16u << 20;
+// Hostile objects may pair many signer infos with many certificates; past
+// this many signature checks for one signature it counts as not intact.
+constexpr int kMaxAttempts = 1024;
+constexpr int kMaxSignerInfos = 64;
+
+// "%%EOF" and what may follow it: CR LF, LF, CR, or the end of the file.
+class MarkerScanner {
+ public:
+  // data points at a buffer with kCarry bytes of headroom before it.
+  static constexpr std::size_t kCarry = 7;
+
+  void feed(unsigned char* data, std::size_t size, std::uint64_t base, bool last) {
+    std::memcpy(data - carried_, carry_, carried_);
+    const unsigned char* from = data - carried_;
+    const std::size_t length = size + carried_;
+    const std::uint64_t fromOffset = base - carried_;
+    // A marker that starts within the last 6 bytes waits for the next chunk
+    // to see what follows it.
+    const std::size_t limit = last ? length : (length >= 6 ? length - 6 : 0);
+    std::size_t at = 0;
+    while (at < limit) {
+      const void* hit = std::memchr(from + at, '%', limit - at);
+      if (!hit) break;
+      at = static_cast<std::size_t>(static_cast<const unsigned char*>(hit) - from);
+      if (length - at >= 5 && std::memcmp(from + at, "%%EOF", 5) == 0) {
+        const std::size_t after = at + 5;
+        std::size_t eol = 0;
+        if (after == length) {
+          eol = last ? 0 : std::string::npos;
+        } else if (from[after] == '\r') {
+          eol = (after + 1 < length && from[after + 1] == '\n') ? 2 : 1;
+        } else if (from[after] == '\n') {
+          eol = 1;
+        } else {
+          eol = std::string::npos;
+        }
+        if (eol != std::string::npos) ends.push_back(fromOffset + after + eol);
+        at = after;
+      } else {
+        ++at;
+      }
+    }
+    carried_ = std::min<std::size_t>(length - limit, kCarry);
+    std::memcpy(carry_, from + length - carried_, carried_);
+  }
+
+  std::vector<std::uint64_t> ends;
+
+ private:
+  unsigned char carry_[kCarry] = {};
+  std::size_t carried_ = 0;
+};
+
+// One field's plan for the pass and what it learns.
+struct Job {
+  PDFDocumentCheck::Signature* out = nullptr;
+  PDFSealmarkVerify verifier;  // the field as parsed; owns the PKCS#7
+  PKCS7* p7 = nullptr;         // borrowed from verifier, or owned below
+  ossl::UniquePtr<PKCS7> ownedP7;
+  Bytes contents;              // /Contents as stored
+  bool embedded = false;       // adbe.pkcs7.sha1: the content is a digest
+  bool rsaSha1 = false;        // adbe.x509.rsa_sha1
+  std::vector<X509*> certs;    // the object's certificates, each once
+  ossl::UniquePtr<STACK_OF(X509)> ownedCerts;
+  std::vector<std::unique_ptr<ContentDigest>> digests;  // fed with the ranges
+  std::uint64_t range[4] = {0, 0, 0, 0};
+  bool feed = false;
+  Bytes gap;
+  bool gapTooLong = false;
+
+  void consume(const unsigned char* data, std::size_t size, std::uint64_t base) {
+    const std::uint64_t end = base + size;
+    for (int r = 0; r < 2; ++r) {
+      const std::uint64_t from = std::max(base, range[2 * r]);
+      const std::uint64_t to = std::min(end, range[2 * r] + range[2 * r + 1]);
+      if (from < to) {
+        for (auto& d : digests) d->update(data + (from - base), static_cast<std::size_t>(to - from));
+      }
+    }
+    const std::uint64_t gapFrom = std::max(base, range[0] + range[1]);
+    const std::uint64_t gapTo = std::min(end, range[2]);
+    if (gapFrom < gapTo && !gapTooLong) gap.insert(gap.end(), data + (gapFrom - base), data + (gapTo - base));
+  }
+};
+
+std::string stringOf(PDFObject* value) {
+  if (!value || !value->getString() || value->getLenth() <= 0) return {};
+  return std::string(value->getString(), static_cast<std::size_t>(value->getLenth()));
+}
+
+STACK_OF(X509) * certificateSet(PKCS7* p7) {
+  if (PKCS7_type_is_signed(p7)) return p7->d.sign ? p7->d.sign->cert : nullptr;
+  return nullptr;
+}
+
+// Version 3 certificates first, each once, as the seed's callers expect.
+void listCertificates(Job& job) {
+  STACK_OF(X509)* set = job.p7 ? certificateSet(job.p7) : job.ownedCerts.get();
+  std::vector<X509*> older;
+  for (int i = 0; i < sk_X509_num(set); ++i) {
+    X509* cert = sk_X509_value(set, i);
+    if (!cert) continue;
+    auto seen = [&](const std::vector<X509*>& list) {
+      return std::any_of(list.begin(), list.end(), [&](X509* c) { return X509_cmp(c, cert) == 0; });
+    };
+    if (seen(job.certs) || seen(older)) continue;
+    (X509_get_version(cert) > 1 ? job.certs : older).push_back(cert);
+  }
+  job.certs.insert(job.certs.end(), older.begin(), older.end());
+  for (X509* cert : job.certs) job.out->certificates.push_back(makePDFCert(cert));
+}
+
+std::optional<Bytes> decodeHex(const Bytes& gap) {
+  Bytes out;
+  int high = -1;
+  for (std::size_t i = 1; i + 1 < gap.size(); ++i) {
+    const int c = gap[i];
+    if (std::isspace(c)) continue;
+    if (!std::isxdigit(c)) return std::nullopt;
+    const int v = std::isdigit(c) ? c - '0' : (std::tolower(c) - 'a' + 10);
+    if (high < 0) {
+      high = v;
+    } else {
+      out.push_back(static_cast<unsigned char>(high * 16 + v));
+      high = -1;
+    }
+  }
+  if (high >= 0) out.push_back(static_cast<unsigned char>(high * 16));
+  return out;
+}
+
+void judgeCoverage(Job& job, std::uint64_t fileSize) {
+  PDFDocumentCheck::Signature& s = *job.out;
+  std::string& why = s.coverageProblem;
+  const std::uint64_t signedEnd = job.range[2] + job.range[3];
+  if (job.range[0] != 0) {
+    why = std::to_string(job.range[0]) + " bytes before the first range are not signed";
+  } else if (job.gapTooLong || job.gap.size() < 2) {
+    why = "the gap between the ranges is not the signature value";
+  } else if (job.gap.front() != '<') {
+    why = std::string("the gap between the ranges starts ") +
+          (std::isxdigit(job.gap.front()) ? "inside" : "outside") + " the signature value";
+  } else if (job.gap.back() != '>') {
+    why = std::string("the gap between the ranges ends ") + (std::isxdigit(job.gap.back()) ? "inside" : "outside") +
+          " the signature value";
+  } else if (decodeHex(job.gap) != std::optional<Bytes>(job.contents)) {
+    why = "the gap between the ranges is not this signature's /Contents";
+  } else if (signedEnd > fileSize) {
+    why = "the second range reaches past the end of the file";
+  } else if (signedEnd != fileSize) {
+    why = std::to_string(fileSize - signedEnd) + " bytes after the second range are not signed";
+  }
+  s.coversWholeDocument = why.empty();
+}
+
+// Checks every signer info; digestFor gives the digest of the content in
+// the signer info's own algorithm.  Candidates are the certificates the
+// signer info names first, then the others, so a signature made by any key
+// in the object counts, as it does for PDFSealmarkVerify::verify.
+bool checkSignerInfos(PKCS7* p7, const std::vector<X509*>& certs,
+                      const std::function<Bytes(PKCS7_SIGNER_INFO*)>& digestFor, std::string& problem) {
+  STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(p7);
+  if (!infos) {
+    problem = "the PKCS#7 object is not signed data";
+    return false;
+  }
+  if (sk_PKCS7_SIGNER_INFO_num(infos) > kMaxSignerInfos) {
+    problem = "too many signer infos";
+    return false;
+  }
+  int attempts = 0;
+  for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(infos); ++i) {
+    PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, i);
+    if (!si) return false;
+    const Bytes digest = si->digest_alg ? digestFor(si) : Bytes();
+    if (digest.empty()) {
+      problem = "unknown digest algorithm in signer info " + std::to_string(i + 1);
+      return false;
+    }
+    std::vector<X509*> order;
+    for (X509* c : certs) {
+      if (signerInfoNames(si, c)) order.push_back(c);
+    }
+    for (X509* c : certs) {
+      if (!signerInfoNames(si, c)) order.push_back(c);
+    }
+    bool settled = false;
+    for (std::size_t c = 0; !settled && c < order.size(); ++c) {
+      if (++attempts > kMaxAttempts) {
+        problem = "too many signer infos and certificates to check";
+        return false;
+      }
+      settled = verifySignerInfo(si, order[c], digest);
+    }
+    if (!settled) {
+      problem = order.empty() ? "no certificate in the signature" : "the signature does not match the signed bytes";
+      return false;
+    }
+  }
+  return true;
+}
+
+// A digest of bytes held in memory, in each signer info's algorithm.
+std::function<Bytes(PKCS7_SIGNER_INFO*)> digestOfOctets(const ASN1_OCTET_STRING* content) {
+  return [content](PKCS7_SIGNER_INFO* si) {
+    return digestWith(si->digest_alg, ASN1_STRING_get0_data(content),
+                      static_cast<std::size_t>(ASN1_STRING_length(content)));
+  };
+}
+
+// RFC 3161: the token's message imprint must be the digest of the ranges,
+// and the token's own signer info must verify over its TSTInfo.
+bool checkTimeStampToken(Job& job, const std::vector<Bytes>& digests, std::string& problem) {
+  ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(job.p7));
+  const ASN1_TYPE* content = info ? job.p7->d.sign->contents->d.other : nullptr;
+  if (!content || content->type != V_ASN1_OCTET_STRING || digests.empty()) {
+    problem = "the time-stamp token holds no TSTInfo";
+    return false;
+  }
+  const ASN1_OCTET_STRING* imprint = TS_MSG_IMPRINT_get_msg(TS_TST_INFO_get_msg_imprint(info.get()));
+  const Bytes& digest = digests.front();
+  if (!imprint || static_cast<std::size_t>(ASN1_STRING_length(imprint)) != digest.size() ||
+      std::memcmp(ASN1_STRING_get0_data(imprint), digest.data(), digest.size()) != 0) {
+    problem = "the time stamp's message imprint is not the digest of the signed bytes";
+    return false;
+  }
+  return checkSignerInfos(job.p7, job.certs, digestOfOctets(content->value.octet_string), problem);
+}
+
+// adbe.x509.rsa_sha1: /Contents is a DER OCTET STRING holding a PKCS#1
+// signature over the SHA-1 of the ranges; the certificates are in /Cert.
+bool checkRsaSha1(Job& job, const Bytes& sha1, std::string& problem) {
+  const unsigned char* p = job.contents.data();
+  ossl::UniquePtr<ASN1_OCTET_STRING> sig(
+      d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(job.contents.size())));
+  X509* cert = job.certs.empty() ? nullptr : job.certs.front();
+  EVP_PKEY* key = cert ? X509_get0_pubkey(cert) : nullptr;
+  if (!sig || !key) {
+    problem = !sig ? "/Contents is not a DER octet string" : "no certificate in /Cert";
+    return false;
+  }
+  ossl::UniquePtr<EVP_PKEY_CTX> ctx(EVP_PKEY_CTX_new(key, nullptr));
+  const bool ok = ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+                  EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) > 0 &&
+                  EVP_PKEY_verify(ctx.get(), ASN1_STRING_get0_data(sig.get()),
+                                  static_cast<std::size_t>(ASN1_STRING_length(sig.get())), sha1.data(),
+                                  sha1.size()) == 1;
+  if (!ok) problem = "the signature does not match the signed bytes";
+  return ok;
+}
+
+void readCertStrings(PDFObject* value, Job& job) {
+  job.ownedCerts.reset(sk_X509_new_null());
+  auto add = [&](PDFObject* item) {
+    const std::string der = stringOf(item);
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+    X509* cert = der.empty() ? nullptr : d2i_X509(nullptr, &p, static_cast<long>(der.size()));
+    if (cert && !sk_X509_push(job.ownedCerts.get(), cert)) X509_free(cert);
+  };
+  if (PDFSmartPtr<PDF_Vellum::PDFArray> list = value) {
+    for (std::size_t i = 0; i < list->size() && i < 64; ++i) add(list->getAt(i));
+  } else {
+    add(value);
+  }
+}
+
+// Reads the field and decides what the pass must digest for it.
+void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
+  PDFDocumentCheck::Signature& s = *job.out;
+  s.field = field->getName();
+  job.verifier.parse(field);
+  PDFSealmarkVerifyImpl& v = *job.verifier.getImpl();
+  s.page = v.pageNum > 0 ? v.pageNum : (v.acroform && v.doc ? v.findPage() : 0);
+
+  // The signature dictionary as stored, also where parse gave up on it.
+  PDFSmartPtr<PDFDictionary> dict;
+  if (PDFAcroform* form = field->getacroform()) {
+    PDFSmartPtr<PDFDictionary> fieldDict = form->getAcroformDic();
+    PDFObject* value = fieldDict ? fieldDict->getValueOf(PDFName("/V")) : nullptr;
+    PDFSmartPtr<PDFIndirect> ref(value);
+    dict = ref ? doc.parseIndirectObj(ref.get(), !doc.isEncrypted()) : value;
+  }
+  if (!dict) return;  // no /V: an unsigned field
+  s.kind = PDFDocumentCheck::Kind::kSignature;
+  s.intact = 0;
+  PDFAcroform sigDict(dict, &doc);
+  s.filter = stringOf(sigDict.getContents("/Filter"));
+  s.subFilter = stringOf(sigDict.getContents("/SubFilter"));
+  if (s.subFilter == "/ETSI.RFC3161") s.kind = PDFDocumentCheck::Kind::kDocumentTimeStamp;
+  const std::string contents = stringOf(sigDict.getContents("/Contents"));
+  job.contents.assign(contents.begin(), contents.end());
+
+  if (v.pkcs7 && v.sigDict) {
+    job.p7 = v.pkcs7;
+    s.signingTime = v.getSignedDate();
+    PDF_Folio::PL_VerifyDocPerm p = PDF_Folio::PL_VERIFY_PERM_NONE;
+    if (v.getPermission(p, s.fieldMdp)) s.permission = static_cast<int>(p);
+  } else if (s.subFilter == "/adbe.x509.rsa_sha1") {
+    job.rsaSha1 = true;
+    readCertStrings(sigDict.getContents("/Cert"), job);
+  } else {
+    s.problem = job.contents.empty() ? "the signature dictionary has no /Contents"
+                                     : "/Contents is not a PKCS#7 signed-data object";
+  }
+  listCertificates(job);
+
+  long o1 = -1, l1 = -1, o2 = -1, l2 = -1;
+  sigDict.getByteRange(o1, l1, o2, l2);
+  if (!(o1 >= 0 && l1 >= 0 && o2 > 0 && l2 > 0 && o1 + l1 <= o2)) {
+    if (s.problem.empty()) s.problem = "/ByteRange is missing or not valid";
+    return;
+  }
+  s.hasByteRange = true;
+  const std::int64_t numbers[4] = {o1, l1, o2, l2};
+  for (int i = 0; i < 4; ++i) {
+    s.byteRange[i] = numbers[i];
+    job.range[i] = static_cast<std::uint64_t>(numbers[i]);
+  }
+  job.gapTooLong = job.range[2] - (job.range[0] + job.range[1]) > kMaxGap;
+  job.feed = true;  // the gap is read for the coverage verdict in any case
+  if (job.range[2] + job.range[3] > doc.getFileSize() && s.problem.empty()) {
+    s.problem = "/ByteRange reaches past the end of the file";
+  }
+  if (!s.problem.empty()) return;
+
+  if (job.rsaSha1) {
+    ossl::UniquePtr<X509_ALGOR> sha1(X509_ALGOR_new());
+    X509_ALGOR_set0(sha1.get(), OBJ_nid2obj(NID_sha1), V_ASN1_NULL, nullptr);
+    job.digests.push_back(std::make_unique<ContentDigest>(sha1.get()));
+    return;
+  }
+  if (s.kind == PDFDocumentCheck::Kind::kDocumentTimeStamp) {
+    ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(job.p7));
+    if (info) {
+      job.digests.push_back(std::make_unique<ContentDigest>(
+          TS_MSG_IMPRINT_get_algo(TS_TST_INFO_get_msg_imprint(info.get()))));
+    }
+    return;
+  }
+  job.embedded = PKCS7_type_is_signed(job.p7) && PKCS7_ctrl(job.p7, PKCS7_OP_GET_DETACHED_SIGNATURE, 0, nullptr) == 0;
+  if (job.embedded) {
+    // The content is the digest of the ranges; its length picks the
+    // algorithm, as for PDFSealmarkVerify::verify.
+    const PKCS7* inner = job.p7->d.sign ? job.p7->d.sign->contents : nullptr;
+    const ASN1_OCTET_STRING* content = inner && PKCS7_type_is_data(inner) ? inner->d.data : nullptr;
+    int nid = NID_undef;
+    switch (content ? ASN1_STRING_length(content) : 0) {
+      case 20: nid = NID_sha1; break;
+      case 32: nid = NID_sha256; break;
+      case 48: nid = NID_sha384; break;
+      case 64: nid = NID_sha512; break;
+      default: break;
+    }
+    if (nid == NID_undef) {
+      job.embedded = false;
+      s.problem = "the embedded content is not a digest";
+      return;
+    }
+    ossl::UniquePtr<X509_ALGOR> algorithm(X509_ALGOR_new());
+    X509_ALGOR_set0(algorithm.get(), OBJ_nid2obj(nid), V_ASN1_NULL, nullptr);
+    job.digests.push_back(std::make_unique<ContentDigest>(algorithm.get()));
+    return;
+  }
+  // Detached: one digest per algorithm the signer infos name.  The signer
+  // info's own algorithm decides (RFC 5652), whatever digestAlgorithms says.
+  STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(job.p7);
+  for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(infos) && job.digests.size() < 8; ++i) {
+    PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, i);
+    if (!si || !si->digest_alg) continue;
+    const bool known = std::any_of(job.digests.begin(), job.digests.end(), [&](const auto& d) {
+      return OBJ_cmp(d->algorithm(), si->digest_alg->algorithm) == 0;
+    });
+    if (!known) job.digests.push_back(std::make_unique<ContentDigest>(si->digest_alg));
+  }
+}
+
+void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileSize) {
+  PDFDocumentCheck::Signature& s = *job.out;
+  if (s.kind == PDFDocumentCheck::Kind::kUnsigned) return;
+  if (job.p7) {
+    STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(job.p7);
+    PKCS7_SIGNER_INFO* first = sk_PKCS7_SIGNER_INFO_value(infos, 0);
+    for (std::size_t c = 0; first && c < job.certs.size() && s.signer < 0; ++c) {
+      if (signerInfoNames(first, job.certs[c])) s.signer = static_cast<int>(c);
+    }
+  } else if (job.rsaSha1 && !job.certs.empty()) {
+    s.signer = 0;
+  }
+  if (!s.hasByteRange) return;
+  const std::uint64_t signedEnd = job.range[2] + job.range[3];
+  for (std::size_t i = 0; i < ends.size(); ++i) {
+    if (ends[i] == signedEnd) s.revision = static_cast<int>(i);
+  }
+  judgeCoverage(job, fileSize);
+  if (!s.problem.empty()) return;
+  std::vector<Bytes> digests;
+  for (auto& d : job.digests) digests.push_back(d->finish());
+  bool intact = false;
+  if (job.rsaSha1) {
+    intact = !digests.empty() && checkRsaSha1(job, digests.front(), s.problem);
+  } else if (s.kind == PDFDocumentCheck::Kind::kDocumentTimeStamp) {
+    intact = checkTimeStampToken(job, digests, s.problem);
+  } else if (job.embedded) {
+    const ASN1_OCTET_STRING* content = job.p7->d.sign->contents->d.data;
+    intact = !digests.empty() && digests.front().size() == static_cast<std::size_t>(ASN1_STRING_length(content)) &&
+             std::memcmp(digests.front().data(), ASN1_STRING_get0_data(content), digests.front().size()) == 0;
+    if (!intact) {
+      s.problem = "the embedded digest is not the digest of the signed bytes";
+    } else {
+      intact = checkSignerInfos(job.p7, job.certs, digestOfOctets(content), s.problem);
+    }
+  } else {
+    auto fromPass = [&](PKCS7_SIGNER_INFO* si) {
+      for (std::size_t d = 0; d < job.digests.size(); ++d) {
+        if (OBJ_cmp(job.digests[d]->algorithm(), si->digest_alg->algorithm) == 0) return digests[d];
+      }
+      return Bytes();
+    };
+    intact = checkSignerInfos(job.p7, job.certs, fromPass, s.problem);
+  }
+  s.intact = intact ? 1 : 0;
+  if (intact) s.problem.clear();
+}
+
+}  // namespace
+
+bool PDFDocumentCheck::check(const std::string& path, const std::string& password, Result& result, std::string* why,
+                             unsigned threads) {
+  (void)threads;
+  result = Result();
+  auto doc = PDF_Vellum::PDFDocument::open(path, password, why);
+  if (!doc) return false;
+  result.fileSize = doc->getFileSize();
+  PDF_Folio::CForm form(doc.get());
+  const std::vector<PDF_Folio::CSigField*> fields = form.getSigFields();
+  result.signatures.resize(fields.size());
+  std::vector<std::unique_ptr<Job>> jobs;
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    jobs.push_back(std::make_unique<Job>());
+    jobs.back()->out = &result.signatures[i];
+    plan(fields[i], *doc, *jobs.back());
+  }
+
+  std::istream* in = doc->getIstream();
+  if (!in) {
+    if (why) *why = "cannot read the file";
+    return false;
+  }
+  in->clear();
+  in->seekg(0);
+  std::vector<unsigned char> buffer(MarkerScanner::kCarry + kChunk);
+  unsigned char* chunk = buffer.data() + MarkerScanner::kCarry;
+  MarkerScanner markers;
+  std::uint64_t offset = 0;
+  while (offset < result.fileSize) {
+    in->read(reinterpret_cast<char*>(chunk), static_cast<std::streamsize>(kChunk));
+    const auto got = static_cast<std::size_t>(in->gcount());
+    if (got == 0) break;
+    for (auto& job : jobs) {
+      if (job->feed) job->consume(chunk, got, offset);
+    }
+    offset += got;
+    markers.feed(chunk, got, offset - got, offset >= result.fileSize);
+  }
+  in->clear();
+  if (offset != result.fileSize) {
+    if (why) *why = "the file could not be read to its end";
+    return false;
+  }
+  result.revisionEnds = markers.ends;
+  for (auto& job : jobs) judge(*job, result.revisionEnds, result.fileSize);
+  return true;
+}
+
+}  // namespace PDF_Sealmark
