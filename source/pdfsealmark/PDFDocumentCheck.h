@@ -102,6 +102,9 @@ class PDFSEALMARK_API PDFDocumentCheck {
   // the number of cores.
   static bool check(const std::string& path, const std::string& password, Result& result, std::string* why,
                     unsigned threads = 0);
+  // The same for a file held in memory.
+  static bool checkMemory(std::vector<unsigned char> bytes, const std::string& password, Result& result,
+                          std::string* why, unsigned threads = 0);
 };
 
 }  // namespace PDF_Sealmark

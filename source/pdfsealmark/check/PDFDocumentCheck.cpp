@@ -468,13 +468,9 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
   if (intact) s.problem.clear();
 }
 
-}  // namespace
-
-bool PDFDocumentCheck::check(const std::string& path, const std::string& password, Result& result, std::string* why,
-                             unsigned threads) {
-  (void)threads;
+bool checkDocument(std::unique_ptr<PDF_Vellum::PDFDocument> doc, PDFDocumentCheck::Result& result, std::string* why) {
+  using Result = PDFDocumentCheck::Result;
   result = Result();
-  auto doc = PDF_Vellum::PDFDocument::open(path, password, why);
   if (!doc) return false;
   result.fileSize = doc->getFileSize();
   PDF_Folio::CForm form(doc.get());
@@ -516,6 +512,18 @@ bool PDFDocumentCheck::check(const std::string& path, const std::string& passwor
   result.revisionEnds = markers.ends;
   for (auto& job : jobs) judge(*job, result.revisionEnds, result.fileSize);
   return true;
+}
+
+}  // namespace
+
+bool PDFDocumentCheck::check(const std::string& path, const std::string& password, Result& result, std::string* why,
+                             unsigned /*threads*/) {
+  return checkDocument(PDF_Vellum::PDFDocument::open(path, password, why), result, why);
+}
+
+bool PDFDocumentCheck::checkMemory(std::vector<unsigned char> bytes, const std::string& password, Result& result,
+                                   std::string* why, unsigned /*threads*/) {
+  return checkDocument(PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, why), result, why);
 }
 
 }  // namespace PDF_Sealmark
