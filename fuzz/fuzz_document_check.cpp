@@ -4,12 +4,12 @@
 // deliberately differ (see tests/document_check_test.cpp): document time
 // stamps, dictionaries verify leaves unsigned, the bound on hostile work,
 // and signer infos whose digest the digestAlgorithms set doesn't name.
+#include <openssl/objects.h>
+#include <openssl/x509.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
-
-#include <openssl/objects.h>
-#include <openssl/x509.h>
 
 #include "pdfsealmark/PDFDocumentCheck.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
@@ -22,7 +22,8 @@ bool digestSetNamesEverySigner(PKCS7* p7) {
     PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, i);
     bool named = false;
     for (int j = 0; si && j < sk_X509_ALGOR_num(p7->d.sign->md_algs); ++j) {
-      named = named || OBJ_cmp(sk_X509_ALGOR_value(p7->d.sign->md_algs, j)->algorithm, si->digest_alg->algorithm) == 0;
+      named = named ||
+              OBJ_cmp(sk_X509_ALGOR_value(p7->d.sign->md_algs, j)->algorithm, si->digest_alg->algorithm) == 0;
     }
     if (!named) return false;
   }

@@ -2,17 +2,19 @@
 // from one sequential read of the file.
 #include "pdfsealmark/PDFDocumentCheck.h"
 
+#include <openssl/objects.h>
+#include <openssl/ts.h>
+
 #include <algorithm>
 #include <cctype>
+#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <istream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <thread>
-
-#include <openssl/objects.h>
-#include <openssl/ts.h>
 
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/cert/PDFCertImpl.h"
@@ -103,10 +105,10 @@ struct Job {
   PDFSealmarkVerify verifier;  // the field as parsed; owns the PKCS#7
   PKCS7* p7 = nullptr;         // borrowed from verifier, or owned below
   ossl::UniquePtr<PKCS7> ownedP7;
-  Bytes contents;              // /Contents as stored
-  bool embedded = false;       // adbe.pkcs7.sha1: the content is a digest
-  bool rsaSha1 = false;        // adbe.x509.rsa_sha1
-  std::vector<X509*> certs;    // the object's certificates, each once
+  Bytes contents;            // /Contents as stored
+  bool embedded = false;     // adbe.pkcs7.sha1: the content is a digest
+  bool rsaSha1 = false;      // adbe.x509.rsa_sha1
+  std::vector<X509*> certs;  // the object's certificates, each once
   ossl::UniquePtr<STACK_OF(X509)> ownedCerts;
   std::vector<std::unique_ptr<ContentDigest>> digests;  // fed with the ranges
   std::uint64_t range[4] = {0, 0, 0, 0};
@@ -187,8 +189,8 @@ void judgeCoverage(Job& job, std::uint64_t fileSize) {
     why = std::string("the gap between the ranges starts ") +
           (std::isxdigit(job.gap.front()) ? "inside" : "outside") + " the signature value";
   } else if (job.gap.back() != '>') {
-    why = std::string("the gap between the ranges ends ") + (std::isxdigit(job.gap.back()) ? "inside" : "outside") +
-          " the signature value";
+    why = std::string("the gap between the ranges ends ") +
+          (std::isxdigit(job.gap.back()) ? "inside" : "outside") + " the signature value";
   } else if (decodeHex(job.gap) != std::optional<Bytes>(job.contents)) {
     why = "the gap between the ranges is not this signature's /Contents";
   } else if (signedEnd > fileSize) {
@@ -239,7 +241,8 @@ bool checkSignerInfos(PKCS7* p7, const std::vector<X509*>& certs,
       settled = verifySignerInfo(si, order[c], digest);
     }
     if (!settled) {
-      problem = order.empty() ? "no certificate in the signature" : "the signature does not match the signed bytes";
+      problem =
+          order.empty() ? "no certificate in the signature" : "the signature does not match the signed bytes";
       return false;
     }
   }
@@ -286,11 +289,11 @@ bool checkRsaSha1(Job& job, const Bytes& sha1, std::string& problem) {
     return false;
   }
   ossl::UniquePtr<EVP_PKEY_CTX> ctx(EVP_PKEY_CTX_new(key, nullptr));
-  const bool ok = ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
-                  EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) > 0 &&
-                  EVP_PKEY_verify(ctx.get(), ASN1_STRING_get0_data(sig.get()),
-                                  static_cast<std::size_t>(ASN1_STRING_length(sig.get())), sha1.data(),
-                                  sha1.size()) == 1;
+  const bool ok =
+      ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+      EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) > 0 &&
+      EVP_PKEY_verify(ctx.get(), ASN1_STRING_get0_data(sig.get()),
+                      static_cast<std::size_t>(ASN1_STRING_length(sig.get())), sha1.data(), sha1.size()) == 1;
   if (!ok) problem = "the signature does not match the signed bytes";
   return ok;
 }
@@ -378,12 +381,13 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   if (s.kind == PDFDocumentCheck::Kind::kDocumentTimeStamp) {
     ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(job.p7));
     if (info) {
-      job.digests.push_back(std::make_unique<ContentDigest>(
-          TS_MSG_IMPRINT_get_algo(TS_TST_INFO_get_msg_imprint(info.get()))));
+      job.digests.push_back(
+          std::make_unique<ContentDigest>(TS_MSG_IMPRINT_get_algo(TS_TST_INFO_get_msg_imprint(info.get()))));
     }
     return;
   }
-  job.embedded = PKCS7_type_is_signed(job.p7) && PKCS7_ctrl(job.p7, PKCS7_OP_GET_DETACHED_SIGNATURE, 0, nullptr) == 0;
+  job.embedded =
+      PKCS7_type_is_signed(job.p7) && PKCS7_ctrl(job.p7, PKCS7_OP_GET_DETACHED_SIGNATURE, 0, nullptr) == 0;
   if (job.embedded) {
     // The content is the digest of the ranges; its length picks the
     // algorithm, as for PDFSealmarkVerify::verify.
@@ -391,11 +395,20 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
     const ASN1_OCTET_STRING* content = inner && PKCS7_type_is_data(inner) ? inner->d.data : nullptr;
     int nid = NID_undef;
     switch (content ? ASN1_STRING_length(content) : 0) {
-      case 20: nid = NID_sha1; break;
-      case 32: nid = NID_sha256; break;
-      case 48: nid = NID_sha384; break;
-      case 64: nid = NID_sha512; break;
-      default: break;
+      case 20:
+        nid = NID_sha1;
+        break;
+      case 32:
+        nid = NID_sha256;
+        break;
+      case 48:
+        nid = NID_sha384;
+        break;
+      case 64:
+        nid = NID_sha512;
+        break;
+      default:
+        break;
     }
     if (nid == NID_undef) {
       job.embedded = false;
@@ -448,7 +461,8 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
     intact = checkTimeStampToken(job, digests, s.problem);
   } else if (job.embedded) {
     const ASN1_OCTET_STRING* content = job.p7->d.sign->contents->d.data;
-    intact = !digests.empty() && digests.front().size() == static_cast<std::size_t>(ASN1_STRING_length(content)) &&
+    intact = !digests.empty() &&
+             digests.front().size() == static_cast<std::size_t>(ASN1_STRING_length(content)) &&
              std::memcmp(digests.front().data(), ASN1_STRING_get0_data(content), digests.front().size()) == 0;
     if (!intact) {
       s.problem = "the embedded digest is not the digest of the signed bytes";
@@ -468,7 +482,94 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
   if (intact) s.problem.clear();
 }
 
-bool checkDocument(std::unique_ptr<PDF_Vellum::PDFDocument> doc, PDFDocumentCheck::Result& result, std::string* why) {
+// The pass.  This thread reads chunks into a small ring of buffers, scans
+// them for markers and digests its share of the signatures; with more than
+// one worker, the other signatures are digested on threads of their own,
+// each taking every chunk in order.  A buffer is reused once every worker
+// is past it, so memory is the ring, whatever the file's size.
+bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>& jobs, MarkerScanner& markers,
+              unsigned threads) {
+  constexpr std::size_t kSlots = 4;
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  const std::size_t workers = std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size()));
+  // Biggest signatures first, each to the least loaded worker; this thread
+  // starts with the reading and the marker scan as its load.
+  std::vector<std::vector<Job*>> share(workers);
+  std::vector<std::uint64_t> load(workers, 0);
+  load[0] = fileSize / 4;
+  std::vector<Job*> bySize = jobs;
+  std::sort(bySize.begin(), bySize.end(),
+            [](Job* a, Job* b) { return a->range[1] + a->range[3] > b->range[1] + b->range[3]; });
+  for (Job* job : bySize) {
+    const std::size_t w = static_cast<std::size_t>(std::min_element(load.begin(), load.end()) - load.begin());
+    share[w].push_back(job);
+    load[w] += job->range[1] + job->range[3];
+  }
+
+  struct Slot {
+    std::vector<unsigned char> bytes = std::vector<unsigned char>(MarkerScanner::kCarry + kChunk);
+    unsigned char* data() { return bytes.data() + MarkerScanner::kCarry; }
+    std::size_t size = 0;
+    std::uint64_t offset = 0;
+  };
+  std::vector<Slot> slots(workers > 1 ? kSlots : 1);
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::uint64_t produced = 0;  // chunks published
+  bool finished = false;
+  std::vector<std::uint64_t> consumed(workers, 0);  // chunks each helper is done with
+
+  auto helper = [&](std::size_t w) {
+    for (std::uint64_t i = 0;; ++i) {
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return produced > i || finished; });
+        if (produced <= i) return;
+      }
+      Slot& slot = slots[i % slots.size()];
+      for (Job* job : share[w]) job->consume(slot.data(), slot.size, slot.offset);
+      std::lock_guard<std::mutex> lock(mutex);
+      consumed[w] = i + 1;
+      changed.notify_all();
+    }
+  };
+  std::vector<std::thread> helpers;
+  for (std::size_t w = 1; w < workers; ++w) helpers.emplace_back(helper, w);
+
+  std::uint64_t offset = 0;
+  for (std::uint64_t i = 0; offset < fileSize; ++i) {
+    Slot& slot = slots[i % slots.size()];
+    if (workers > 1 && i >= slots.size()) {
+      std::unique_lock<std::mutex> lock(mutex);
+      changed.wait(lock, [&] {
+        return std::all_of(consumed.begin() + 1, consumed.end(),
+                           [&](std::uint64_t c) { return c + slots.size() > i; });
+      });
+    }
+    in.read(reinterpret_cast<char*>(slot.data()), static_cast<std::streamsize>(kChunk));
+    slot.size = static_cast<std::size_t>(in.gcount());
+    slot.offset = offset;
+    if (slot.size == 0) break;
+    offset += slot.size;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      produced = i + 1;
+      changed.notify_all();
+    }
+    for (Job* job : share[0]) job->consume(slot.data(), slot.size, slot.offset);
+    markers.feed(slot.data(), slot.size, slot.offset, offset >= fileSize);
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    finished = true;
+    changed.notify_all();
+  }
+  for (std::thread& t : helpers) t.join();
+  return offset == fileSize;
+}
+
+bool checkDocument(std::unique_ptr<PDF_Vellum::PDFDocument> doc, PDFDocumentCheck::Result& result,
+                   std::string* why, unsigned threads) {
   using Result = PDFDocumentCheck::Result;
   result = Result();
   if (!doc) return false;
@@ -490,25 +591,17 @@ bool checkDocument(std::unique_ptr<PDF_Vellum::PDFDocument> doc, PDFDocumentChec
   }
   in->clear();
   in->seekg(0);
-  std::vector<unsigned char> buffer(MarkerScanner::kCarry + kChunk);
-  unsigned char* chunk = buffer.data() + MarkerScanner::kCarry;
-  MarkerScanner markers;
-  std::uint64_t offset = 0;
-  while (offset < result.fileSize) {
-    in->read(reinterpret_cast<char*>(chunk), static_cast<std::streamsize>(kChunk));
-    const auto got = static_cast<std::size_t>(in->gcount());
-    if (got == 0) break;
-    for (auto& job : jobs) {
-      if (job->feed) job->consume(chunk, got, offset);
-    }
-    offset += got;
-    markers.feed(chunk, got, offset - got, offset >= result.fileSize);
+  std::vector<Job*> feeding;
+  for (auto& job : jobs) {
+    if (job->feed) feeding.push_back(job.get());
   }
-  in->clear();
-  if (offset != result.fileSize) {
+  MarkerScanner markers;
+  if (!readOnce(*in, result.fileSize, feeding, markers, threads)) {
+    in->clear();
     if (why) *why = "the file could not be read to its end";
     return false;
   }
+  in->clear();
   result.revisionEnds = markers.ends;
   for (auto& job : jobs) judge(*job, result.revisionEnds, result.fileSize);
   return true;
@@ -516,14 +609,15 @@ bool checkDocument(std::unique_ptr<PDF_Vellum::PDFDocument> doc, PDFDocumentChec
 
 }  // namespace
 
-bool PDFDocumentCheck::check(const std::string& path, const std::string& password, Result& result, std::string* why,
-                             unsigned /*threads*/) {
-  return checkDocument(PDF_Vellum::PDFDocument::open(path, password, why), result, why);
+bool PDFDocumentCheck::check(const std::string& path, const std::string& password, Result& result,
+                             std::string* why, unsigned threads) {
+  return checkDocument(PDF_Vellum::PDFDocument::open(path, password, why), result, why, threads);
 }
 
-bool PDFDocumentCheck::checkMemory(std::vector<unsigned char> bytes, const std::string& password, Result& result,
-                                   std::string* why, unsigned /*threads*/) {
-  return checkDocument(PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, why), result, why);
+bool PDFDocumentCheck::checkMemory(std::vector<unsigned char> bytes, const std::string& password,
+                                   Result& result, std::string* why, unsigned threads) {
+  return checkDocument(PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, why), result, why,
+                       threads);
 }
 
 }  // namespace PDF_Sealmark

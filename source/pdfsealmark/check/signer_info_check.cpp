@@ -1,12 +1,12 @@
 #include "pdfsealmark/check/signer_info_check.h"
 
-#include <cstring>
-
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
+
+#include <cstring>
 
 #include "pdfsealmark/openssl_ptr.h"
 
@@ -63,8 +63,8 @@ const EVP_MD* mdOf(const X509_ALGOR* algorithm) {
 bool setPssParameters(EVP_PKEY_CTX* ctx, const X509_ALGOR* signatureAlgorithm, const EVP_MD*& md) {
   const ASN1_TYPE* parameter = signatureAlgorithm->parameter;
   if (!parameter || parameter->type != V_ASN1_SEQUENCE) return false;
-  RSA_PSS_PARAMS* params = static_cast<RSA_PSS_PARAMS*>(
-      ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(RSA_PSS_PARAMS), parameter));
+  RSA_PSS_PARAMS* params =
+      static_cast<RSA_PSS_PARAMS*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(RSA_PSS_PARAMS), parameter));
   if (!params) return false;
   const EVP_MD* hash = params->hashAlgorithm ? mdOf(params->hashAlgorithm) : EVP_sha1();
   const EVP_MD* mgfHash = EVP_sha1();
@@ -148,13 +148,14 @@ bool verifySignerInfo(PKCS7_SIGNER_INFO* si, X509* cert, const Bytes& contentDig
   Bytes signedAttributes;
   if (sk_X509_ATTRIBUTE_num(si->auth_attr) > 0) {
     const ASN1_OCTET_STRING* messageDigest = PKCS7_digest_from_attributes(si->auth_attr);
-    if (!messageDigest || static_cast<std::size_t>(ASN1_STRING_length(messageDigest)) != contentDigest.size() ||
+    if (!messageDigest ||
+        static_cast<std::size_t>(ASN1_STRING_length(messageDigest)) != contentDigest.size() ||
         std::memcmp(ASN1_STRING_get0_data(messageDigest), contentDigest.data(), contentDigest.size()) != 0) {
       return false;
     }
     unsigned char* der = nullptr;
-    const int n = ASN1_item_i2d(reinterpret_cast<ASN1_VALUE*>(si->auth_attr), &der,
-                                ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
+    const int n =
+        ASN1_item_i2d(reinterpret_cast<ASN1_VALUE*>(si->auth_attr), &der, ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY));
     if (n <= 0) return false;
     signedAttributes.assign(der, der + n);
     OPENSSL_free(der);
@@ -188,12 +189,14 @@ bool verifySignerInfo(PKCS7_SIGNER_INFO* si, X509* cert, const Bytes& contentDig
     sigLength = der.size();
   }
   if (EVP_PKEY_CTX_set_signature_md(ctx.get(), md) <= 0) return false;
-  Bytes hash = signedAttributes.empty() ? contentDigest
-                                        : digestWith(si->digest_alg, signedAttributes.data(), signedAttributes.size());
+  Bytes hash = signedAttributes.empty()
+                   ? contentDigest
+                   : digestWith(si->digest_alg, signedAttributes.data(), signedAttributes.size());
   if (md != mdOf(si->digest_alg) && !signedAttributes.empty()) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    if (EVP_Digest(signedAttributes.data(), signedAttributes.size(), digest, &length, md, nullptr) != 1) return false;
+    if (EVP_Digest(signedAttributes.data(), signedAttributes.size(), digest, &length, md, nullptr) != 1)
+      return false;
     hash.assign(digest, digest + length);
   }
   if (hash.empty()) return false;

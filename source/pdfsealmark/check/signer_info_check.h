@@ -7,12 +7,12 @@
 #ifndef PDFSEALMARK_CHECK_SIGNER_INFO_CHECK_H
 #define PDFSEALMARK_CHECK_SIGNER_INFO_CHECK_H
 
-#include <cstddef>
-#include <vector>
-
 #include <openssl/evp.h>
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
+
+#include <cstddef>
+#include <vector>
 
 namespace PDF_Sealmark {
 
