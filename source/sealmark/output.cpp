@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <vector>
 
 namespace sealmark {
 
@@ -110,11 +112,21 @@ JsonWriter& JsonWriter::value(const std::string& text) {
   out_ << '"';
   for (unsigned char c : toValidUtf8(text)) {
     switch (c) {
-      case '"': out_ << "\\\""; break;
-      case '\\': out_ << "\\\\"; break;
-      case '\n': out_ << "\\n"; break;
-      case '\r': out_ << "\\r"; break;
-      case '\t': out_ << "\\t"; break;
+      case '"':
+        out_ << "\\\"";
+        break;
+      case '\\':
+        out_ << "\\\\";
+        break;
+      case '\n':
+        out_ << "\\n";
+        break;
+      case '\r':
+        out_ << "\\r";
+        break;
+      case '\t':
+        out_ << "\\t";
+        break;
       default:
         if (c < 0x20) {
           char buf[8];
@@ -167,6 +179,21 @@ void Table::print(std::ostream& out, const std::string& indent) const {
   };
   printRow(header_);
   for (const auto& row : rows_) printRow(row);
+}
+
+bool copyFileRange(const std::string& from, std::uint64_t begin, std::uint64_t end, const std::string& to) {
+  std::ifstream in(from, std::ios::binary);
+  if (!in || !in.seekg(static_cast<std::streamoff>(begin))) return false;
+  std::ofstream out(to, std::ios::binary);
+  std::vector<char> slice(1 << 20);
+  std::uint64_t left = end > begin ? end - begin : 0;
+  while (left > 0 && out) {
+    const auto n = static_cast<std::streamsize>(std::min<std::uint64_t>(left, slice.size()));
+    if (!in.read(slice.data(), n)) return false;
+    out.write(slice.data(), n);
+    left -= static_cast<std::uint64_t>(n);
+  }
+  return static_cast<bool>(out.flush());
 }
 
 }  // namespace sealmark

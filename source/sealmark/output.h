@@ -55,6 +55,10 @@ class Table {
   std::vector<std::vector<std::string>> rows_;
 };
 
+// Copies bytes [begin, end) of a file to a new file; false when the source
+// is shorter or either file fails.
+bool copyFileRange(const std::string& from, std::uint64_t begin, std::uint64_t end, const std::string& to);
+
 }  // namespace sealmark
 
 #endif

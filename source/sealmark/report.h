@@ -2,14 +2,14 @@
 #ifndef SEALMARK_REPORT_H
 #define SEALMARK_REPORT_H
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cert_report.h"
-#include "pdfsealmark/PDFSealmarkVerify.h"
-#include "pdfsealmark/PDFSealmarkVersion.h"
+#include "pdfsealmark/PDFDocumentCheck.h"
 
 namespace sealmark {
 
@@ -27,6 +27,8 @@ struct FieldReport {
   std::string kind = "signature";
   bool isSigned = false;
   std::optional<bool> intact;
+  std::optional<std::string> problem;   // why not intact
+  std::optional<std::string> coverage;  // what the byte range leaves out
   // The byte range, when it is valid, and the end of the signed bytes.
   std::optional<std::vector<long>> byteRange;
   std::optional<long long> signedEnd;
@@ -40,20 +42,18 @@ struct FieldReport {
   std::optional<std::size_t> signer;
 };
 
-// An opened document with its fields and its revision index.
+// What one read of a document tells: its revisions and its fields.
 struct DocumentReport {
   std::string file;
-  std::unique_ptr<PDF_Vellum::PDFDocument> doc;
-  std::unique_ptr<PDF_Folio::CForm> form;
-  std::unique_ptr<PDF_Sealmark::PDFSealmarkVersion> versions;
+  std::uint64_t size = 0;
+  std::vector<std::uint64_t> revisionEnds;
   std::vector<FieldReport> fields;
 };
 
-// Opens the file and examines every signature field; with verify false the
-// signatures are not checked (intact stays empty).  Null with a reason when
-// the file can't be opened.
+// Checks the file in one pass.  Null with a reason when the file can't be
+// opened.
 std::unique_ptr<DocumentReport> examineDocument(const std::string& file, const std::string& password,
-                                                bool verify, std::string* whyNot);
+                                                std::string* whyNot);
 
 }  // namespace sealmark
 

@@ -45,7 +45,8 @@ bool parseArgs(const Args& args, RevisionsOptions& opts, int& exitCode) {
       .value("--output", &opts.output);
   std::vector<std::string> files;
   if (!parser.parse(args, files, exitCode)) return false;
-  if (files.size() != 1) return parser.usageError(files.empty() ? "no FILE given" : "one FILE only", exitCode);
+  if (files.size() != 1)
+    return parser.usageError(files.empty() ? "no FILE given" : "one FILE only", exitCode);
   if (opts.extract.empty() != opts.output.empty()) {
     return parser.usageError("--extract N goes with --output OUT", exitCode);
   }
@@ -61,18 +62,17 @@ int extract(DocumentReport& report, const RevisionsOptions& opts) {
   } catch (const std::exception&) {
     used = 0;
   }
-  if (used != opts.extract.size() || n < 0 || n > report.versions->getMaxNum()) {
+  if (used != opts.extract.size() || n < 0 || static_cast<std::size_t>(n) >= report.revisionEnds.size()) {
     complain(opts.file, "no revision " + opts.extract + " (the file has " +
-                            std::to_string(report.versions->getMaxNum() + 1) + ")");
+                            std::to_string(report.revisionEnds.size()) + ")");
     return kExitUsage;
   }
-  std::ofstream out(opts.output, std::ios::binary);
-  if (!out || !report.versions->getPdf(n, out) || !out.flush()) {
+  const std::uint64_t end = report.revisionEnds[static_cast<std::size_t>(n)];
+  if (!copyFileRange(opts.file, 0, end, opts.output)) {
     complain(opts.output, "cannot write");
     return kExitUsage;
   }
-  std::cout << "wrote revision " << n << " (" << report.versions->getEnds()[static_cast<std::size_t>(n)]
-            << " bytes) to " << opts.output << "\n";
+  std::cout << "wrote revision " << n << " (" << end << " bytes) to " << opts.output << "\n";
   return kExitOk;
 }
 
@@ -83,14 +83,14 @@ int runRevisions(const Args& args) {
   int exitCode = kExitOk;
   if (!parseArgs(args, opts, exitCode)) return exitCode;
   std::string why;
-  auto report = examineDocument(opts.file, opts.password, /*verify=*/false, &why);
+  auto report = examineDocument(opts.file, opts.password, &why);
   if (!report) {
     complain(opts.file, why);
     return kExitUsage;
   }
   if (!opts.extract.empty()) return extract(*report, opts);
 
-  const std::vector<int> ends = report->versions->getEnds();
+  const std::vector<std::uint64_t>& ends = report->revisionEnds;
   auto signersOf = [&](std::size_t revision) {
     std::vector<std::string> names;
     for (const FieldReport& f : report->fields) {
@@ -101,10 +101,14 @@ int runRevisions(const Args& args) {
   if (opts.json) {
     JsonWriter json(std::cout);
     json.beginObject().key("file").value(opts.file).key("size").value(
-        static_cast<std::int64_t>(report->doc->getFileSize()));
+        static_cast<std::int64_t>(report->size));
     json.key("revisions").beginArray();
     for (std::size_t i = 0; i < ends.size(); ++i) {
-      json.beginObject().key("revision").value(static_cast<int>(i)).key("end").value(ends[i]);
+      json.beginObject()
+          .key("revision")
+          .value(static_cast<int>(i))
+          .key("end")
+          .value(static_cast<std::int64_t>(ends[i]));
       json.key("signed_by").beginArray();
       for (const std::string& name : signersOf(i)) json.value(name);
       json.endArray().endObject();
@@ -114,7 +118,7 @@ int runRevisions(const Args& args) {
     return kExitOk;
   }
   std::cout << opts.file << ": " << ends.size() << " revision" << (ends.size() == 1 ? "" : "s") << ", "
-            << report->doc->getFileSize() << " bytes\n";
+            << report->size << " bytes\n";
   if (ends.empty()) return kExitOk;
   Table table({"REVISION", "END", "SIGNED BY"});
   for (std::size_t i = 0; i < ends.size(); ++i) {
@@ -123,8 +127,8 @@ int runRevisions(const Args& args) {
     table.addRow({std::to_string(i), std::to_string(ends[i]), names.empty() ? "-" : names});
   }
   table.print(std::cout, "  ");
-  if (static_cast<std::uint64_t>(ends.back()) != report->doc->getFileSize()) {
-    std::cout << "  (" << report->doc->getFileSize() - static_cast<std::uint64_t>(ends.back())
+  if (static_cast<std::uint64_t>(ends.back()) != report->size) {
+    std::cout << "  (" << report->size - static_cast<std::uint64_t>(ends.back())
               << " bytes after the last revision belong to none)\n";
   }
   return kExitOk;
