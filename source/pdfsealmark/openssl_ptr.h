@@ -10,6 +10,8 @@
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
+#include <openssl/cms.h>
+#include <openssl/ess.h>
 #include <openssl/evp.h>
 #include <openssl/ocsp.h>
 #include <openssl/pkcs12.h>
@@ -31,6 +33,10 @@ struct Deleter;
   };
 
 PDFSEALMARK_DEFINE_DELETER(ASN1_OBJECT, ASN1_OBJECT_free)
+PDFSEALMARK_DEFINE_DELETER(ASN1_TIME, ASN1_TIME_free)
+PDFSEALMARK_DEFINE_DELETER(CMS_ContentInfo, CMS_ContentInfo_free)
+PDFSEALMARK_DEFINE_DELETER(ESS_SIGNING_CERT_V2, ESS_SIGNING_CERT_V2_free)
+PDFSEALMARK_DEFINE_DELETER(EVP_CIPHER_CTX, EVP_CIPHER_CTX_free)
 PDFSEALMARK_DEFINE_DELETER(BIGNUM, BN_free)
 PDFSEALMARK_DEFINE_DELETER(BIO, BIO_free_all)
 PDFSEALMARK_DEFINE_DELETER(EVP_MD_CTX, EVP_MD_CTX_free)

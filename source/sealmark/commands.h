@@ -23,6 +23,10 @@ int runTimestamp(const Args& args);
 extern const char kTimestampHelp[];
 int runRevocation(const Args& args);
 extern const char kRevocationHelp[];
+int runSign(const Args& args);
+extern const char kSignHelp[];
+int runTimestampDocument(const Args& args);
+extern const char kTimestampDocumentHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

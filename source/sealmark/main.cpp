@@ -9,7 +9,7 @@ namespace {
 const char kUsage[] =
     "usage: sealmark COMMAND [OPTIONS] ARGS...\n"
     "\n"
-    "Checks the digital signatures of PDF files.\n"
+    "Checks and makes the digital signatures of PDF files.\n"
     "\n"
     "commands:\n"
     "  verify     check every signature field of PDF files\n"
@@ -17,6 +17,8 @@ const char kUsage[] =
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
+    "  sign       sign a PDF file with a PKCS#12 key (an incremental update)\n"
+    "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -33,6 +35,8 @@ const Command kCommands[] = {
     {"cert", sealmark::runCert},
     {"timestamp", sealmark::runTimestamp},
     {"revocation", sealmark::runRevocation},
+    {"sign", sealmark::runSign},
+    {"timestamp-document", sealmark::runTimestampDocument},
 };
 
 }  // namespace
