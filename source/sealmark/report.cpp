@@ -34,9 +34,9 @@ FieldReport fieldReport(const PDF_Sealmark::PDFDocumentCheck::Signature& s) {
 }  // namespace
 
 std::unique_ptr<DocumentReport> examineDocument(const std::string& file, const std::string& password,
-                                                std::string* whyNot) {
+                                                std::string* whyNot, unsigned threads) {
   PDF_Sealmark::PDFDocumentCheck::Result result;
-  if (!PDF_Sealmark::PDFDocumentCheck::check(file, password, result, whyNot)) return nullptr;
+  if (!PDF_Sealmark::PDFDocumentCheck::check(file, password, result, whyNot, threads)) return nullptr;
   auto report = std::make_unique<DocumentReport>();
   report->file = file;
   report->size = result.fileSize;

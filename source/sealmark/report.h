@@ -52,8 +52,9 @@ struct DocumentReport {
 
 // Checks the file in one pass.  Null with a reason when the file can't be
 // opened.
+// threads: for the digests of several signatures, 0 for every core.
 std::unique_ptr<DocumentReport> examineDocument(const std::string& file, const std::string& password,
-                                                std::string* whyNot);
+                                                std::string* whyNot, unsigned threads = 0);
 
 }  // namespace sealmark
 

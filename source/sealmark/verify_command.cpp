@@ -1,9 +1,15 @@
 // sealmark verify: every signature field of each file, with its verdict.
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "args.h"
@@ -14,14 +20,17 @@
 namespace sealmark {
 
 const char kVerifyHelp[] =
-    "usage: sealmark verify [--password PW] [--json] FILE...\n"
+    "usage: sealmark verify [--password PW] [--json | --json-lines] [--jobs N] FILE|DIR...\n"
     "       sealmark verify [--password PW] FILE --extract-signed FIELD --output OUT\n"
     "\n"
     "Lists the signature fields of each PDF file and checks each signature\n"
-    "over the bytes its /ByteRange names.\n"
+    "over the bytes its /ByteRange names.  A directory is searched for *.pdf\n"
+    "files.  Over many files on a terminal, progress goes to stderr.\n"
     "\n"
     "  --password PW   password of encrypted files (user or owner)\n"
     "  --json          print JSON instead of a table\n"
+    "  --json-lines    print one JSON object per file, as each finishes\n"
+    "  --jobs N        check N files at a time (default: the number of cores)\n"
     "  --extract-signed FIELD\n"
     "                  write the revision that FIELD's signature signed to OUT\n"
     "  --output OUT    where --extract-signed writes\n"
@@ -39,6 +48,8 @@ namespace {
 struct VerifyOptions {
   std::string password;
   bool json = false;
+  bool jsonLines = false;
+  std::string jobs;
   std::vector<std::string> files;
   std::string extractField;  // --extract-signed
   std::string output;        // --output
@@ -159,11 +170,19 @@ void printTable(const DocumentReport& report, std::ostream& out) {
 bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
   ArgParser parser("verify", kVerifyHelp);
   parser.flag("--json", &opts.json)
+      .flag("--json-lines", &opts.jsonLines)
+      .value("--jobs", &opts.jobs)
       .value("--password", &opts.password)
       .value("--extract-signed", &opts.extractField)
       .value("--output", &opts.output);
   if (!parser.parse(args, opts.files, exitCode)) return false;
   if (opts.files.empty()) return parser.usageError("no FILE given", exitCode);
+  if (opts.json && opts.jsonLines)
+    return parser.usageError("--json and --json-lines exclude each other", exitCode);
+  if (!opts.jobs.empty() && (opts.jobs.find_first_not_of("0123456789") != std::string::npos ||
+                             opts.jobs.size() > 4 || std::stoi(opts.jobs) < 1)) {
+    return parser.usageError("--jobs takes a number from 1", exitCode);
+  }
   if (opts.extractField.empty() != opts.output.empty() ||
       (!opts.extractField.empty() && opts.files.size() != 1)) {
     return parser.usageError("--extract-signed FIELD needs --output OUT and exactly one FILE", exitCode);
@@ -203,6 +222,36 @@ int extractSigned(const VerifyOptions& opts) {
   return kExitUsage;
 }
 
+// The files named, with directories searched for *.pdf (sorted, so runs
+// over the same tree list them alike).
+std::vector<std::string> expandFiles(const std::vector<std::string>& operands) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> files;
+  for (const std::string& operand : operands) {
+    std::error_code error;
+    if (!fs::is_directory(operand, error)) {
+      files.push_back(operand);
+      continue;
+    }
+    std::vector<std::string> found;
+    for (fs::recursive_directory_iterator it(operand, fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && it != end; it.increment(error)) {
+      if (it->is_regular_file(error) && it->path().extension() == ".pdf")
+        found.push_back(it->path().string());
+    }
+    std::sort(found.begin(), found.end());
+    files.insert(files.end(), found.begin(), found.end());
+  }
+  return files;
+}
+
+struct Outcome {
+  std::unique_ptr<DocumentReport> report;
+  std::string why;
+  bool done = false;
+};
+
 }  // namespace
 
 int runVerify(const Args& args) {
@@ -211,29 +260,82 @@ int runVerify(const Args& args) {
   if (!parseArgs(args, opts, exitCode)) return exitCode;
   if (!opts.extractField.empty()) return extractSigned(opts);
 
-  std::vector<std::unique_ptr<DocumentReport>> reports;
-  for (const std::string& file : opts.files) {
-    std::string why;
-    auto report = examineDocument(file, opts.password, &why);
-    if (!report) {
-      complain(file, why);
+  const std::vector<std::string> files = expandFiles(opts.files);
+  const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+  const std::size_t jobs = std::min<std::size_t>(
+      opts.jobs.empty() ? cores : static_cast<std::size_t>(std::stoi(opts.jobs)), files.size());
+  // Files in parallel, or the signatures of one file on the cores.
+  const unsigned perFile = jobs > 1 ? 1 : 0;
+  const bool progress = files.size() > 1 && !opts.jsonLines && ::isatty(STDERR_FILENO);
+
+  std::vector<Outcome> outcomes(files.size());
+  std::mutex mutex;
+  std::size_t next = 0, finished = 0, failed = 0, printed = 0;
+  auto finish = [&](std::size_t i) {  // with mutex held
+    Outcome& o = outcomes[i];
+    o.done = true;
+    ++finished;
+    bool bad = !o.report;
+    for (const FieldReport& f : o.report ? o.report->fields : std::vector<FieldReport>()) {
+      bad = bad || (f.intact && !*f.intact);
+    }
+    failed += bad;
+    if (!o.report) complain(files[i], o.why);
+    if (opts.jsonLines && o.report) {
+      JsonWriter json(std::cout);
+      printJson(*o.report, json);
+      std::cout << std::endl;
+    }
+    if (progress)
+      std::cerr << "\r" << finished << "/" << files.size() << " files, " << failed << " failed" << std::flush;
+  };
+  auto worker = [&] {
+    for (;;) {
+      std::size_t i;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (next == files.size()) return;
+        i = next++;
+      }
+      std::string why;
+      auto report = examineDocument(files[i], opts.password, &why, perFile);
+      std::lock_guard<std::mutex> lock(mutex);
+      outcomes[i].report = std::move(report);
+      outcomes[i].why = std::move(why);
+      finish(i);
+    }
+  };
+  std::vector<std::thread> pool;
+  for (std::size_t j = 1; j < jobs; ++j) pool.emplace_back(worker);
+  worker();
+  for (std::thread& t : pool) t.join();
+  if (progress) std::cerr << "\n";
+
+  for (const Outcome& o : outcomes) {
+    if (!o.report) {
       exitCode = kExitUsage;
       continue;
     }
-    for (const FieldReport& f : report->fields) {
+    for (const FieldReport& f : o.report->fields) {
       if (f.intact && !*f.intact && exitCode == kExitOk) exitCode = kExitNotVerified;
     }
-    reports.push_back(std::move(report));
   }
-
   if (opts.json) {
     JsonWriter json(std::cout);
-    if (opts.files.size() > 1) json.beginArray();
-    for (const auto& r : reports) printJson(*r, json);
-    if (opts.files.size() > 1) json.endArray();
-    if (!reports.empty() || opts.files.size() > 1) std::cout << "\n";
-  } else {
-    for (const auto& r : reports) printTable(*r, std::cout);
+    const bool many = files.size() > 1;
+    if (many) json.beginArray();
+    for (const Outcome& o : outcomes) {
+      if (o.report) {
+        printJson(*o.report, json);
+        ++printed;
+      }
+    }
+    if (many) json.endArray();
+    if (printed > 0 || many) std::cout << "\n";
+  } else if (!opts.jsonLines) {
+    for (const Outcome& o : outcomes) {
+      if (o.report) printTable(*o.report, std::cout);
+    }
   }
   return exitCode;
 }
