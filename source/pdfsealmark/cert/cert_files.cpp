@@ -1,5 +1,6 @@
 // Moving a certificate between a PDFCertImpl and the caller's streams: X.509
 // as DER or PEM, PKCS#12 with its key and further certificates.
+#include <cxxabi.h>
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/pem.h>
@@ -64,6 +65,8 @@ std::vector<char> readWholeStream(std::istream& in) {
     in.read(bytes.data(), static_cast<std::streamsize>(size));
   } catch (const std::bad_alloc&) {
     throw;
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     // A stream told to throw on failure.
     bytes.clear();

@@ -1,6 +1,7 @@
 #include "pdfsealmark/http/HttpConnect.h"
 
 #include <arpa/inet.h>
+#include <cxxabi.h>
 #include <sys/socket.h>
 
 #include <cctype>
@@ -10,6 +11,7 @@
 #include <stdexcept>
 
 #include "pdfsealmark/http/HttpPost.h"
+#include "pdfsealmark/platform/WinInet.h"
 #include "pdfsealmark/platform/Winsock.h"
 
 namespace le {
@@ -83,6 +85,8 @@ int HttpConnect::open(const std::string& url) {
     return kOk;
   } catch (const std::exception&) {
     return kStdException;
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     return kUnknownException;
   }
@@ -110,7 +114,8 @@ int HttpConnect::request(const std::vector<unsigned char>& body, std::vector<uns
   try {
     SocketOwner s(platform::socket(AF_INET, SOCK_STREAM, 0));
     if (s.get() == INVALID_SOCKET) return kSocketFailed;
-    if (platform::connect(s.get(), reinterpret_cast<const sockaddr*>(&address), 16) == SOCKET_ERROR) return kConnectFailed;
+    if (platform::connect(s.get(), reinterpret_cast<const sockaddr*>(&address), 16) == SOCKET_ERROR)
+      return kConnectFailed;
 
     std::string text;
     buildRequestHeader(headers.empty() ? nullptr : headers.c_str(), text, body);
@@ -131,12 +136,15 @@ int HttpConnect::request(const std::vector<unsigned char>& body, std::vector<uns
     return parseResponse(received, response);
   } catch (const std::exception&) {
     return kStdException;
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     return kUnknownException;
   }
 }
 
-int HttpConnect::parseResponse(const std::vector<unsigned char>& received, std::vector<unsigned char>& response) {
+int HttpConnect::parseResponse(const std::vector<unsigned char>& received,
+                               std::vector<unsigned char>& response) {
   int status = -1;
   int contentLength = 0;
   int result = kOk;
@@ -164,12 +172,12 @@ int HttpConnect::parseResponse(const std::vector<unsigned char>& received, std::
 
     if (startsWith(line, "http")) {
       const std::size_t blank = line.find(' ');
-      status = std::atoi(blank == std::string::npos ? "" : line.c_str() + blank + 1);
+      status = le::platform::saturatingAtoi(blank == std::string::npos ? "" : line.c_str() + blank + 1);
     } else if (startsWith(line, "content-length:")) {
       std::size_t value = 15;
       // at(): a line that ends with the colon throws std::out_of_range.
       if (line.at(value) == ' ') ++value;
-      contentLength = std::atoi(line.c_str() + value);
+      contentLength = le::platform::saturatingAtoi(line.c_str() + value);
     } else if (startsWith(line, "content-type:")) {
       std::size_t value = 13;
       if (line.at(value) == ' ') ++value;

@@ -1,5 +1,7 @@
 #include "pdfsealmark/http/HttpWinInet.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
@@ -75,6 +77,8 @@ int HttpWinInet::open(const std::string& url) {
   } catch (const std::exception& e) {
     lastError = e.what();
     return kStdException;
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     lastError = "le::HttpWinInet::open : unkown exception.";
     return kUnknownException;
@@ -94,7 +98,8 @@ int HttpWinInet::request(const std::vector<unsigned char>& body, std::vector<uns
 
     if (body.size() > 0xFFFFFFFFu) throw std::length_error("request body too large");
     if (!api_.HttpSendRequestA(requestHandle.handle, headers.empty() ? nullptr : headers.c_str(),
-                               static_cast<std::uint32_t>(headers.size()), body.empty() ? nullptr : body.data(),
+                               static_cast<std::uint32_t>(headers.size()),
+                               body.empty() ? nullptr : body.data(),
                                static_cast<std::uint32_t>(body.size()))) {
       return kSendRequestFailed;
     }
@@ -123,8 +128,8 @@ int HttpWinInet::request(const std::vector<unsigned char>& body, std::vector<uns
       }
       response.resize(static_cast<std::size_t>(contentLength));
       std::uint32_t read = 0;
-      if (!api_.InternetReadFile(requestHandle.handle, response.data(), static_cast<std::uint32_t>(contentLength),
-                                 &read)) {
+      if (!api_.InternetReadFile(requestHandle.handle, response.data(),
+                                 static_cast<std::uint32_t>(contentLength), &read)) {
         return kReadFailed;
       }
       if (read < static_cast<std::uint32_t>(contentLength)) return kShortBody;
@@ -146,6 +151,8 @@ int HttpWinInet::request(const std::vector<unsigned char>& body, std::vector<uns
   } catch (const std::exception& e) {
     lastError = e.what();
     return kStdException;
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     lastError = "le::HttpWinInet::request : unkown exception.";
     return kUnknownException;

@@ -36,6 +36,25 @@ constexpr std::uint32_t HTTP_QUERY_CONTENT_LENGTH = 5;
 constexpr std::uint32_t HTTP_QUERY_STATUS_CODE = 19;
 
 constexpr long kIdleTimeoutSeconds = 60;
+// No exchange lasts longer than this, however slowly a peer trickles.
+constexpr long kExchangeDeadlineSeconds = 120;
+
+// atoi as the C runtime of the platform this layer stands in for has it:
+// leading blanks, a sign, digits, and overflow saturating at INT_MAX or
+// INT_MIN instead of wrapping (glibc's atoi wraps "4294967496" to 200).
+inline int saturatingAtoi(const char* text) {
+  while (*text == ' ' || *text == '\t' || *text == '\n' || *text == '\r' || *text == '\v' || *text == '\f')
+    ++text;
+  const bool negative = *text == '-';
+  if (*text == '-' || *text == '+') ++text;
+  long long value = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    value = value * 10 + (*text - '0');
+    if (value > 2147483648LL) value = 2147483648LL;
+  }
+  if (negative) return static_cast<int>(-value);
+  return value > 2147483647LL ? 2147483647 : static_cast<int>(value);
+}
 constexpr std::uint64_t kMaxBodyBytes = 16u * 1024u * 1024u;
 
 class WinInetApi {

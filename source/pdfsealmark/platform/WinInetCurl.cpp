@@ -217,6 +217,8 @@ bool Request::send(const std::string& headers, const void* body, std::uint32_t b
   set = set && curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds) == CURLE_OK;
+  // A byte now and then keeps the low-speed check content; this doesn't.
+  set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT, kExchangeDeadlineSeconds) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Request::onHeader) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_HEADERDATA, this) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Request::onBody) == CURLE_OK;

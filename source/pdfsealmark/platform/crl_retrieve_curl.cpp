@@ -3,16 +3,16 @@
 // One easy handle per retrieval, on a fresh connection that is closed
 // afterwards, so that nothing of an earlier retrieval (connection, DNS
 // answer, HTTP cache of a proxy) stands in for the source.
-#include "pdfsealmark/platform/crl_retrieve.h"
-
-#include <openssl/evp.h>
-
 #include <curl/curl.h>
+#include <cxxabi.h>
+#include <openssl/evp.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+
+#include "pdfsealmark/platform/crl_retrieve.h"
 
 namespace PDF_Sealmark {
 namespace platform {
@@ -116,7 +116,9 @@ bool firstLdapValue(const std::string& text, std::vector<unsigned char>& out) {
   return false;
 }
 
-bool startsWith(const char* text, const char* prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
+bool startsWith(const char* text, const char* prefix) {
+  return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
 
 class CurlUrlRetrieval : public UrlRetrievalApi {
  public:
@@ -125,6 +127,8 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
     encoded.clear();
     try {
       return retrieve(url, objectType, flags, timeoutMs, encoded);
+    } catch (abi::__forced_unwind&) {
+      throw;  // a cancelled thread must unwind, or the process aborts
     } catch (...) {
       encoded.clear();
       return false;
@@ -132,8 +136,8 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
   }
 
  private:
-  static bool retrieve(const char* url, std::uint32_t objectType, std::uint32_t /*flags*/, std::uint32_t timeoutMs,
-                       std::vector<unsigned char>& encoded) {
+  static bool retrieve(const char* url, std::uint32_t objectType, std::uint32_t /*flags*/,
+                       std::uint32_t timeoutMs, std::vector<unsigned char>& encoded) {
     if (url == nullptr || objectType != CONTEXT_OID_CRL) return false;
     const bool ldap = startsWith(url, "ldap:");
     // "ldap:/DN" names no server; libcurl has no default directory to ask.
@@ -165,7 +169,8 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
     set = set && curl_easy_setopt(e, CURLOPT_DNS_CACHE_TIMEOUT, 0L) == CURLE_OK;
     set = set && curl_easy_setopt(e, CURLOPT_FAILONERROR, 1L) == CURLE_OK;
     set = set && curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxCrlBytes)) == CURLE_OK;
+    set = set &&
+          curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxCrlBytes)) == CURLE_OK;
     set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &onData) == CURLE_OK;
     set = set && curl_easy_setopt(e, CURLOPT_WRITEDATA, &sink) == CURLE_OK;
     const char* caFile = std::getenv("SSL_CERT_FILE");

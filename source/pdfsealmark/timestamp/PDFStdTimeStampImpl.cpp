@@ -3,6 +3,7 @@
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/evp.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -45,8 +46,8 @@ const unsigned char kSha512Head[] = {
     0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03,  // 2.16.840.1.101.3.4.2.3 (SHA-512)
     0x04, 0x40,                                                        // hashedMessage, 64 bytes
 };
-const unsigned char kNonceHead[] = {0x02, 0x08};          // nonce, INTEGER of 8 bytes
-const unsigned char kCertReq[] = {0x01, 0x01, 0xFF};      // certReq TRUE
+const unsigned char kNonceHead[] = {0x02, 0x08};      // nonce, INTEGER of 8 bytes
+const unsigned char kCertReq[] = {0x01, 0x01, 0xFF};  // certReq TRUE
 constexpr std::size_t kNonceLength = 8;
 
 const char kResponseFile[] = "response.tsr";
@@ -71,7 +72,8 @@ std::string PDFStdTimeStampImpl::basicCredentials(const std::string& user, const
   BIO* sink = BIO_new(BIO_s_mem());
   if (!sink) return std::string();
   BIO_push(chain.get(), sink);  // the chain owns the sink from here
-  if (BIO_write(chain.get(), joined.data(), static_cast<int>(joined.size())) != static_cast<int>(joined.size()) ||
+  if (BIO_write(chain.get(), joined.data(), static_cast<int>(joined.size())) !=
+          static_cast<int>(joined.size()) ||
       BIO_flush(chain.get()) != 1) {
     return std::string();
   }
@@ -106,8 +108,8 @@ std::vector<unsigned char> PDFStdTimeStampImpl::buildRequest(const std::vector<u
 }
 
 std::vector<unsigned char> PDFStdTimeStampImpl::requestToken(std::vector<unsigned char> digest,
-                                                             std::vector<unsigned char> nonce, const char* url,
-                                                             const char* credentials) {
+                                                             std::vector<unsigned char> nonce,
+                                                             const char* url, const char* credentials) {
   std::vector<unsigned char> token;
   if (!url || digest.empty()) return token;
   const std::vector<unsigned char> request = buildRequest(digest, nonce);
@@ -119,7 +121,8 @@ std::vector<unsigned char> PDFStdTimeStampImpl::requestToken(std::vector<unsigne
     headers += credentials;
   }
   std::vector<unsigned char> response;
-  if (!le::HttpWinInetPost(url, headers, request, response) && !le::HttpConnectPost(url, headers, request, response)) {
+  if (!le::HttpWinInetPost(url, headers, request, response) &&
+      !le::HttpConnectPost(url, headers, request, response)) {
     return token;
   }
 
@@ -159,12 +162,15 @@ long PDFStdTimeStampImpl::extractToken(const unsigned char* response, std::size_
   if (pos >= length) return -9;
   if (response[pos++] != 0x30) return -1;  // PKIStatusInfo
   if (pos >= length) return -9;
-  if (response[pos++] & 0x80) return -2;   // its length, short form only
+  if (response[pos++] & 0x80) return -2;  // its length, short form only
   if (pos >= length) return -9;
   if (response[pos++] != 0x02) return -2;  // status INTEGER
   if (pos >= length) return -9;
   const std::size_t statusLength = response[pos++];
   if (statusLength > length - pos) return -9;
+  // More than 8 bytes would wrap the sum below: such a status is neither
+  // granted nor grantedWithMods.
+  if (statusLength > 8) return -2;
   unsigned long long status = 0;
   for (std::size_t i = 0; i < statusLength; ++i) status = (status << 8) | response[pos++];
   if (status != 0 && status != 1) return -2;
@@ -188,7 +194,9 @@ bool PDFStdTimeStampImpl::LeImplementts(std::vector<unsigned char>& token, const
 }
 
 void PDFStdTimeStampImpl::OnImplementts() const {
-  std::remove(kResponseFile);  // whether there was one doesn't matter
+  // unlink, not remove: a directory of that name stays.  Whether there was
+  // a file doesn't matter.
+  ::unlink(kResponseFile);
   if (url.empty()) return;
   const std::vector<unsigned char> nonce(kNonceLength, 0);
   const std::vector<unsigned char> digest(probeDigestLength(hashType), 0);

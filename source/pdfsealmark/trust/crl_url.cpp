@@ -1,5 +1,6 @@
 #include "pdfsealmark/trust/crl_url.h"
 
+#include <cxxabi.h>
 #include <openssl/asn1.h>
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>
@@ -138,6 +139,8 @@ std::vector<const char*> crlUrls(const X509* cert, const char* ldapServers) {
 void CrlUrlList::add(const char* url) {
   try {
     urls_.push_back(url);
+  } catch (abi::__forced_unwind&) {
+    throw;  // a cancelled thread must unwind, or the process aborts
   } catch (...) {
     std::free(const_cast<char*>(url));
     throw;
