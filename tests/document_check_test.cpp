@@ -95,4 +95,26 @@ TEST(DocumentCheck, ReadsRealWorldFilesAsTheirProducersState) {
   }
 }
 
+// A byte changed inside the ranges of a document time stamp breaks it, as
+// it breaks a signature.
+TEST(DocumentCheck, DocumentTimeStampsHoldUntilAByteChanges) {
+  for (const char* file :
+       {"pyhanko/pades-lta-dss-indirect-arrs-test.pdf", "dss/validation/timestamped_and_signed.pdf"}) {
+    auto bytes = sealtest::readFile(std::string(SEALMARK_CORPUS_DIR) + "/" + file);
+    for (bool tamper : {false, true}) {
+      Check::Result result;
+      auto copy = bytes;
+      if (tamper) copy[200] ^= 0x01;  // inside every first range, which starts at 0
+      ASSERT_TRUE(Check::checkMemory(copy, "", result, nullptr)) << file;
+      int timeStamps = 0;
+      for (const Check::Signature& s : result.signatures) {
+        if (s.kind != Check::Kind::kDocumentTimeStamp) continue;
+        ++timeStamps;
+        EXPECT_EQ(s.intact, tamper ? 0 : 1) << file << " " << s.field << " " << s.problem;
+      }
+      EXPECT_EQ(timeStamps, 1) << file;
+    }
+  }
+}
+
 }  // namespace
