@@ -1,5 +1,7 @@
 #include "args.h"
 
+#include <CLI/CLI.hpp>
+#include <fstream>
 #include <iostream>
 
 namespace sealmark {
@@ -24,53 +26,96 @@ ArgParser& ArgParser::repeated(const char* name, std::vector<std::string>* targe
   return *this;
 }
 
+ArgParser& ArgParser::secret(const char* name, std::string* target) {
+  options_.push_back({name, Kind::kSecret, target});
+  return *this;
+}
+
+ArgParser& ArgParser::secret(const char* name, std::optional<std::string>* target) {
+  options_.push_back({name, Kind::kOptionalSecret, target});
+  return *this;
+}
+
 bool ArgParser::usageError(const std::string& reason, int& exitCode) const {
   complain(command_, reason + " (see 'sealmark " + command_ + " --help')");
   exitCode = kExitUsage;
   return false;
 }
 
+namespace {
+
+// The first line of a file, or of standard input for "-", without its line
+// end.
+bool readSecret(const std::string& file, std::string& secret) {
+  std::ifstream in;
+  if (file != "-") {
+    in.open(file);
+    if (!in) return false;
+  }
+  std::istream& from = file == "-" ? std::cin : in;
+  if (!std::getline(from, secret) && secret.empty()) return false;
+  if (!secret.empty() && secret.back() == '\r') secret.pop_back();
+  return true;
+}
+
+}  // namespace
+
 bool ArgParser::parse(const Args& args, std::vector<std::string>& operands, int& exitCode) const {
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    if (arg == "-h" || arg == "--help") {
+  CLI::App app(help_, "sealmark " + command_);
+  app.set_help_flag();  // the command's own text is the help
+  bool help = false;
+  app.add_flag("-h,--help", help);
+  std::vector<std::optional<std::string>> values(options_.size());
+  std::vector<std::string> secretFiles(options_.size());
+  for (std::size_t i = 0; i < options_.size(); ++i) {
+    const Option& o = options_[i];
+    switch (o.kind) {
+      case Kind::kFlag:
+        app.add_flag(o.name, *static_cast<bool*>(o.target));
+        break;
+      case Kind::kRepeated:
+        app.add_option(o.name, *static_cast<std::vector<std::string>*>(o.target))->allow_extra_args(false);
+        break;
+      case Kind::kSecret:
+      case Kind::kOptionalSecret:
+        app.add_option(o.name + "-file", secretFiles[i]);
+        [[fallthrough]];
+      default:
+        app.add_option(o.name, values[i])->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    }
+  }
+  app.add_option("operands", operands);
+  app.allow_extras(false);
+  std::vector<std::string> reversed(args.rbegin(), args.rend());
+  try {
+    app.parse(reversed);
+  } catch (const CLI::ParseError& e) {
+    if (help) {
       std::cout << help_;
       exitCode = kExitOk;
       return false;
     }
-    if (arg == "--") {
-      operands.insert(operands.end(), args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end());
-      break;
+    return usageError(e.what(), exitCode);
+  }
+  if (help) {
+    std::cout << help_;
+    exitCode = kExitOk;
+    return false;
+  }
+  for (std::size_t i = 0; i < options_.size(); ++i) {
+    const Option& o = options_[i];
+    const bool isSecret = o.kind == Kind::kSecret || o.kind == Kind::kOptionalSecret;
+    if (isSecret && !secretFiles[i].empty()) {
+      if (values[i]) return usageError(o.name + " and " + o.name + "-file exclude each other", exitCode);
+      std::string secret;
+      if (!readSecret(secretFiles[i], secret)) return usageError("cannot read " + secretFiles[i], exitCode);
+      values[i] = secret;
     }
-    if (arg.size() < 2 || arg[0] != '-') {
-      operands.push_back(arg);
-      continue;
-    }
-    const std::size_t eq = arg.find('=');
-    const std::string name = arg.substr(0, eq);
-    const Option* option = nullptr;
-    for (const Option& o : options_) {
-      if (o.name == name) option = &o;
-    }
-    if (!option) return usageError("unknown option " + name, exitCode);
-    if (option->kind == Kind::kFlag) {
-      if (eq != std::string::npos) return usageError(name + " takes no value", exitCode);
-      *static_cast<bool*>(option->target) = true;
-      continue;
-    }
-    std::string value;
-    if (eq != std::string::npos) {
-      value = arg.substr(eq + 1);
-    } else if (i + 1 < args.size()) {
-      value = args[++i];
-    } else {
-      return usageError(name + " needs a value", exitCode);
-    }
-    switch (option->kind) {
-      case Kind::kValue: *static_cast<std::string*>(option->target) = value; break;
-      case Kind::kOptionalValue: *static_cast<std::optional<std::string>*>(option->target) = value; break;
-      case Kind::kRepeated: static_cast<std::vector<std::string>*>(option->target)->push_back(value); break;
-      case Kind::kFlag: break;
+    if (!values[i]) continue;
+    if (o.kind == Kind::kOptionalValue || o.kind == Kind::kOptionalSecret) {
+      *static_cast<std::optional<std::string>*>(o.target) = values[i];
+    } else if (o.kind == Kind::kValue || o.kind == Kind::kSecret) {
+      *static_cast<std::string*>(o.target) = *values[i];
     }
   }
   return true;

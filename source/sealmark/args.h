@@ -1,6 +1,7 @@
 // Command-line options of the sealmark commands, read the same way for all
-// of them: "--name value" or "--name=value", flags, options that may repeat,
-// "--" before operands that begin with a dash, and -h / --help.
+// of them through CLI11: "--name value" or "--name=value", flags, options
+// that may repeat, "--" before operands that begin with a dash, and
+// -h / --help, which prints the command's own help text.
 #ifndef SEALMARK_ARGS_H
 #define SEALMARK_ARGS_H
 
@@ -21,6 +22,11 @@ class ArgParser {
   ArgParser& value(const char* name, std::string* target);
   ArgParser& value(const char* name, std::optional<std::string>* target);
   ArgParser& repeated(const char* name, std::vector<std::string>* target);
+  // A secret: "--name PW", or "--name-file FILE" with the secret on the
+  // file's first line ("-" reads standard input), so that it need not show
+  // in the process list.
+  ArgParser& secret(const char* name, std::string* target);
+  ArgParser& secret(const char* name, std::optional<std::string>* target);
 
   // Reads args into the targets and the operands.  False when the command
   // should stop at once: after printing its help (exitCode 0) or after one
@@ -32,7 +38,7 @@ class ArgParser {
   bool usageError(const std::string& reason, int& exitCode) const;
 
  private:
-  enum class Kind { kFlag, kValue, kOptionalValue, kRepeated };
+  enum class Kind { kFlag, kValue, kOptionalValue, kRepeated, kSecret, kOptionalSecret };
   struct Option {
     std::string name;
     Kind kind;

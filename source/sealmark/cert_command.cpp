@@ -26,6 +26,7 @@ const char kCertHelp[] =
     "or a PKCS#12 file, whose certificate is shown when --password opens it.\n"
     "\n"
     "  --password PW   password of a PKCS#12 file\n"
+    "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --json          print JSON instead of text\n"
     "  -h, --help      show this help\n"
     "\n"
@@ -102,7 +103,7 @@ void printText(const std::string& file, const CertReport& r, const RevocationUrl
 
 bool parseArgs(const Args& args, CertOptions& opts, int& exitCode) {
   ArgParser parser("cert", kCertHelp);
-  parser.flag("--json", &opts.json).value("--password", &opts.password);
+  parser.flag("--json", &opts.json).secret("--password", &opts.password);
   // The subcommand comes first; help may be asked for before it.
   if (!args.empty() && args[0] != "show" && args[0] != "-h" && args[0] != "--help") {
     return parser.usageError("unknown subcommand " + args[0], exitCode);

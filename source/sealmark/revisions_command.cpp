@@ -20,6 +20,7 @@ const char kRevisionsHelp[] =
     "whose signed bytes end exactly there.\n"
     "\n"
     "  --password PW   password of an encrypted file\n"
+    "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --json          print JSON instead of a table\n"
     "  --extract N     write revision N (0 is the oldest) to OUT\n"
     "  --output OUT    where --extract writes\n"
@@ -40,7 +41,7 @@ struct RevisionsOptions {
 bool parseArgs(const Args& args, RevisionsOptions& opts, int& exitCode) {
   ArgParser parser("revisions", kRevisionsHelp);
   parser.flag("--json", &opts.json)
-      .value("--password", &opts.password)
+      .secret("--password", &opts.password)
       .value("--extract", &opts.extract)
       .value("--output", &opts.output);
   std::vector<std::string> files;

@@ -27,6 +27,7 @@ const char kSignHelp[] =
     "  --output OUT          the signed file (replaced atomically)\n"
     "  --p12 FILE            PKCS#12 file with the signer's key and certificate\n"
     "  --password PW         its password\n"
+    "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --field NAME          an existing empty signature field to sign, or the name\n"
     "                        of a new one (default: SignatureN)\n"
     "  --page N              page of a new field's invisible widget (default 1)\n"
@@ -38,7 +39,9 @@ const char kSignHelp[] =
     "  --reason TEXT, --location TEXT   written into the signature\n"
     "  --timestamp-url URL   add a signature time stamp from this RFC 3161 server\n"
     "  --timestamp-user U, --timestamp-password P   its Basic authorization\n"
+    "  --timestamp-password-file FILE   the password from FILE's first line\n"
     "  --doc-password PW     password of an encrypted IN (user or owner)\n"
+    "  --doc-password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  -h, --help            show this help\n"
     "\n"
     "exit codes: 0 written, 1 the time-stamp server gave no token,\n"
@@ -56,6 +59,7 @@ const char kTimestampDocumentHelp[] =
     "  --user U, --password PW   Basic authorization for it (together)\n"
     "  --hash ALG          digest sent to the authority: sha512 (default) or sha1\n"
     "  --doc-password PW   password of an encrypted IN (user or owner)\n"
+    "  --doc-password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  -h, --help          show this help\n"
     "\n"
     "exit codes: 0 written, 1 the server gave no token, 2 bad usage or unreadable input\n";
@@ -119,7 +123,7 @@ int runSign(const Args& args) {
   ArgParser parser("sign", kSignHelp);
   parser.value("--output", &output)
       .value("--p12", &p12)
-      .value("--password", &password)
+      .secret("--password", &password)
       .value("--field", &options.fieldName)
       .value("--page", &page)
       .value("--digest", &digest)
@@ -129,8 +133,8 @@ int runSign(const Args& args) {
       .value("--location", &options.location)
       .value("--timestamp-url", &tsaUrl)
       .value("--timestamp-user", &tsaUser)
-      .value("--timestamp-password", &tsaPassword)
-      .value("--doc-password", &options.documentPassword);
+      .secret("--timestamp-password", &tsaPassword)
+      .secret("--doc-password", &options.documentPassword);
   std::vector<std::string> inputs;
   int exitCode = kExitOk;
   if (!parser.parse(args, inputs, exitCode) || !oneInput(parser, inputs, output, exitCode)) return exitCode;
@@ -190,9 +194,9 @@ int runTimestampDocument(const Args& args) {
   parser.value("--output", &output)
       .value("--url", &url)
       .value("--user", &user)
-      .value("--password", &password)
+      .secret("--password", &password)
       .value("--hash", &hash)
-      .value("--doc-password", &options.documentPassword);
+      .secret("--doc-password", &options.documentPassword);
   std::vector<std::string> inputs;
   int exitCode = kExitOk;
   if (!parser.parse(args, inputs, exitCode) || !oneInput(parser, inputs, output, exitCode)) return exitCode;

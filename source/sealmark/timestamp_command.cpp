@@ -29,6 +29,7 @@ const char kTimestampHelp[] =
     "  --url URL        the authority, http:// or https://\n"
     "  --user NAME      user name for Basic authorization (needs --password)\n"
     "  --password PW    password for Basic authorization (needs --user)\n"
+    "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --hash ALG       digest of INPUT sent to the authority: sha512 (default) or sha1\n"
     "  --output FILE    where the token goes (default: INPUT.tsr)\n"
     "  -h, --help       show this help\n"
@@ -67,7 +68,7 @@ bool parseArgs(const Args& args, TimestampOptions& opts, int& exitCode) {
   ArgParser parser("timestamp", kTimestampHelp);
   parser.value("--url", &opts.url)
       .value("--user", &opts.user)
-      .value("--password", &opts.password)
+      .secret("--password", &opts.password)
       .value("--hash", &opts.hash)
       .value("--output", &opts.output);
   std::vector<std::string> inputs;

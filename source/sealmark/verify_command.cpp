@@ -28,6 +28,7 @@ const char kVerifyHelp[] =
     "files.  Over many files on a terminal, progress goes to stderr.\n"
     "\n"
     "  --password PW   password of encrypted files (user or owner)\n"
+    "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --json          print JSON instead of a table\n"
     "  --json-lines    print one JSON object per file, as each finishes\n"
     "  --jobs N        check N files at a time (default: the number of cores)\n"
@@ -172,7 +173,7 @@ bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
   parser.flag("--json", &opts.json)
       .flag("--json-lines", &opts.jsonLines)
       .value("--jobs", &opts.jobs)
-      .value("--password", &opts.password)
+      .secret("--password", &opts.password)
       .value("--extract-signed", &opts.extractField)
       .value("--output", &opts.output);
   if (!parser.parse(args, opts.files, exitCode)) return false;
