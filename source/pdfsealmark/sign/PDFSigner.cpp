@@ -199,12 +199,14 @@ bool PDFSigner::sign(const Bytes& input, Bytes& output, const PDFCert& signer, c
   output.clear();
   initOpenSSLOnce();
   const PDFCertImpl* cert = PDFCertImpl::implOf(signer);
-  if (!cert || !cert->getX509()) {
-    setWhy(why, "no signer certificate");
+  // A PKCS#12 file without a key loads its certificates as further ones
+  // only, so ask for the key first: that is what is missing.
+  if (!cert || !cert->getPKey()) {
+    setWhy(why, "the certificate has no private key");
     return false;
   }
-  if (!cert->getPKey()) {
-    setWhy(why, "the certificate has no private key");
+  if (!cert->getX509()) {
+    setWhy(why, "no signer certificate");
     return false;
   }
   if (X509_check_private_key(cert->getX509(), cert->getPKey()) != 1) {
