@@ -1,15 +1,15 @@
-// The HTTP transport: the URL split, and both clients (WinInet over libcurl,
-// the plain socket) against serve.py answering with canned bytes, and
-// against `openssl s_server` for https.
+// The HTTP transport: both clients (WinInet over libcurl, the plain socket)
+// against serve.py answering with canned bytes, and against
+// `openssl s_server` for https.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "pdfsealmark/http/HttpConnect.h"
@@ -32,22 +32,6 @@ int openDescriptors() {
     closedir(d);
   }
   return n;
-}
-
-TEST(SplitUrl, SchemeAndParts) {
-  // path and port hold a marker: a URL without such a part leaves it, a
-  // refused URL touches nothing.
-  for (const auto& [url, result, parts] : std::vector<std::tuple<std::string, int, std::string>>{
-           {"HTTPS://TSA.Example:8443/Path?q", 1,
-            "TSA.Example|/Path?q|8443"},                           // only the scheme without case
-           {"tsa.example/stamp", 0, "tsa.example|/stamp|<port>"},  // no scheme and no colon: http
-           {"tsa.example:80/stamp", -1, "|<path>|<port>"},
-           {"ldap://dir.example/cn=x", -1, "|<path>|<port>"},
-           {"http://user:pw@h:1", 0, "user|<path>|pw@h:1"}}) {  // no user information
-    std::string host, path = "<path>", port = "<port>";
-    EXPECT_EQ(le::splitUrl(url, host, path, port), result) << url;
-    EXPECT_EQ(host + "|" + path + "|" + port, parts) << url;
-  }
 }
 
 // serve.py for the tests of this file; an answer "NAME.http" is at /NAME.
@@ -158,8 +142,10 @@ TEST(HttpFailures, BeforeAnyAnswer) {
   // https is refused before the name is looked up: this one can't resolve.
   EXPECT_EQ(c.open("https://no-such-host.invalid/x"), -1003);
   EXPECT_EQ(c.open("http://no-such-host.invalid/x"), -1004);
-  // No port: the "http" service's; above 65535 the upper bits go.
-  ASSERT_EQ(c.open("http://127.0.0.1/p"), 0);
+  // No scheme and no colon: http, on the "http" service's port; with a port
+  // but no scheme: refused.  Above 65535 the upper bits go.
+  EXPECT_EQ(c.open("127.0.0.1:80/p"), -2001);
+  ASSERT_EQ(c.open("127.0.0.1/p"), 0);
   EXPECT_EQ(ntohs(c.getAddress().sin_port), 80);
   ASSERT_EQ(c.open("http://127.0.0.1:65616/"), 0);
   EXPECT_EQ(ntohs(c.getAddress().sin_port), 80);
@@ -187,9 +173,11 @@ TEST(HttpsExchange, OnlyAServerOfATrustedRootIsTalkedTo) {
       "openssl x509 -req -CA " + pki + "/ca.pem -CAkey " + pki + "/ca.key -set_serial 9 " +
       "-extfile server.ext -out server.pem && exec openssl s_server -WWW -accept 127.0.0.1:0 " +
       "-cert server.pem -key " + pki + "/signer.key 2>/dev/null");
-  const std::string url = "https://127.0.0.1:" + std::to_string(server.port()) + "/hello.txt";
+  // The scheme is compared without case.
+  const std::string url = "HTTPS://127.0.0.1:" + std::to_string(server.port()) + "/hello.txt";
   const char* old = std::getenv("SSL_CERT_FILE");
   const std::string saved = old ? old : "";
+  // Not trusted: no request goes out.
   ::setenv("SSL_CERT_FILE", (pki + "/unrelated.pem").c_str(), 1);
   Bytes response;
   EXPECT_FALSE(le::HttpWinInetPost(url.c_str(), "", Bytes(), response));

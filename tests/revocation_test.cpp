@@ -218,9 +218,7 @@ TEST(Revocation, WhereTheCrlsAre) {
     EXPECT_EQ(j["crl_urls"].get<Strings>(), crl) << serial;
     EXPECT_EQ(j["ocsp_urls"].get<Strings>(), ocsp) << serial;
   }
-  const std::string text = run(sealmark("cert show " + file("L2B.pem"))).out;
-  EXPECT_THAT(text, HasSubstr("http://first.example/"));
-  EXPECT_THAT(text, HasSubstr("file:///c/3.crl"));
+  EXPECT_THAT(run(sealmark("cert show " + file("L2B.pem"))).out, HasSubstr("file:///c/3.crl"));
 }
 
 TEST(Revocation, CommandUsageAndUnreadableFiles) {

@@ -46,7 +46,8 @@ TEST(ExtractToken, StatusDecidesAndTheRestIsTheToken) {
            {-1,
             {"", "30", "3105 3003020100", "3080 3003020100", "3085 0000000005 3003020100",
              "308100 3003020100", "308109 3003020100 aabbcc", "3005 0203020100"}},
-           {-2, {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100"}},  // rejection
+           // a rejection, a PKIStatusInfo length in long form, a status that isn't an INTEGER
+           {-2, {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100"}},
            {-9, {"3082 01", "3005 30", "3007 30030202 00", "3004 300302"}}}) {
     for (const std::string& response : responses) {
       const Bytes in = hex(response);
@@ -200,14 +201,12 @@ TEST(TimeStampAnswers, NoTokenFromRefusalsSocketPathWhenWinInetFailed) {
   EXPECT_TRUE(
       PDFStdTimeStamp(web.url("ts"), "u", "p", 1).LeImplementts(token, {}, Bytes(20, 9), Bytes(8, 1)));
   EXPECT_EQ(token, hex("3003020105"));
-  // Both paths sent the same headers and body.
+  // The socket path sent the same headers and body.
   const std::string log = web.log("ts"), second = log.substr(std::min(log.find("POST", 1), log.size()));
   for (const std::string& line :
        {std::string("\nUser-Agent: KV-PdsModule\n"), std::string("\nAuthorization: Basic dTpw\n"),
-        std::string("\nContent-Type: application/timestamp-query\n"), log.substr(log.find("body: "), 50)}) {
-    EXPECT_THAT(log.substr(0, log.size() - second.size()), HasSubstr(line));
+        std::string("\nContent-Type: application/timestamp-query\n"), log.substr(log.find("body: "), 50)})
     EXPECT_THAT(second, HasSubstr(line));
-  }
 }
 
 TEST(TimeStampProbe, WritesTheTokenOfAnAllZeroRequest) {

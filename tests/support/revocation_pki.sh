@@ -9,7 +9,7 @@
 #   stale.crl (past its nextUpdate), wrongkey.crl (signed by impostor);
 #   nononce and othernonce: responses for 14 and 15 to requests without a
 #   nonce and with one of their own; ca, delegate, impostor: responders;
-#   slapd.conf and a database holding ca.crl under the CA's name.
+#   nothing at /empty; slapd.conf and a database holding ca.crl under the CA's name.
 # Usage: revocation_pki.sh DIR URL NOW
 #        revocation_pki.sh --slapd DIR   (slapd there; prints "ACCEPT 127.0.0.1:PORT")
 set -euo pipefail
@@ -26,10 +26,8 @@ cd "$1"
 url=$2 now=$3
 utc() { date -u -d "@$((now + $1))" +%y%m%d%H%M%SZ; }
 for n in ca impostor delegate leaf; do openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out $n.key; done
-for n in ca impostor; do
-  openssl req -x509 -key $n.key -subj "/C=JP/O=Sealmark Tests/CN=Revocation CA" -days 3 -out $n.pem \
-    -addext basicConstraints=critical,CA:true -addext keyUsage=critical,keyCertSign,cRLSign
-done
+for n in ca impostor; do openssl req -x509 -key $n.key -subj "/C=JP/O=Sealmark Tests/CN=Revocation CA" -days 3 \
+  -addext basicConstraints=critical,CA:true -addext keyUsage=critical,keyCertSign,cRLSign -out $n.pem; done
 issue() {  # SERIAL EXTENSION-LINES...
   printf '%s\n' "${@:2}" >L$1.ext
   openssl req -new -key "$( [ $1 = 10 ] && echo delegate || echo leaf ).key" -subj "/CN=Leaf $1" |
@@ -76,9 +74,7 @@ entry R 29 -600 >>index.txt
 crl ca ca.crl
 crl ca stale.crl -crl_lastupdate "$(utc -7200)" -crl_nextupdate "$(utc -3600)"
 cp ca.crl last.crl
-printf 'not DER at all' >notocsp
-cp notocsp notcrl
-: >empty
+printf 'not DER at all' | tee notocsp >notcrl
 responder() { echo "openssl ocsp -index $PWD/index.txt -CA $PWD/ca.pem -rsigner $PWD/$1.pem -rkey $PWD/$1.key -ndays 1"; }
 $(responder ca) -reqin <(openssl ocsp -issuer ca.pem -cert L14.pem -no_nonce -reqout /dev/stdout) -respout nononce
 $(responder ca) -reqin <(openssl ocsp -issuer ca.pem -cert L15.pem -reqout /dev/stdout) -respout othernonce

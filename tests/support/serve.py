@@ -10,8 +10,8 @@
 #              gets 401
 #   NAME.cmd   a shell command: the request body on its stdin, its stdout the
 #              body of a 200
-#   NAME       the body of a 200
-# and 404 otherwise.  Each request is appended to DIR/NAME.log: request line,
+#   NAME       the body of a 200, empty when there is no such file.
+# Each request is appended to DIR/NAME.log: request line,
 # headers, and "body: HEX".  Whoever starts it stops it; see support/test_tsa.h.
 import base64, http.server, os, subprocess, sys
 
@@ -27,21 +27,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
             log.write("body: " + body.hex() + "\n\n")
         auth = read(name + ".auth")
         if auth and self.headers.get("Authorization") != "Basic " + base64.b64encode(auth).decode():
-            self.reply(401, b"", [("WWW-Authenticate", 'Basic realm="test"')])
+            self.wfile.write(b'HTTP/1.0 401 Unauthorized\r\nWWW-Authenticate: Basic realm="t"\r\n\r\n')
         elif os.path.exists(name + ".http"):
             self.wfile.write(read(name + ".http"))
         elif os.path.exists(name + ".cmd"):
             cmd = read(name + ".cmd").decode()
-            self.reply(200, subprocess.run(cmd, shell=True, input=body, capture_output=True).stdout)
-        elif os.path.exists(name):
-            self.reply(200, read(name))
+            self.reply(subprocess.run(cmd, shell=True, input=body, capture_output=True).stdout)
         else:
-            self.reply(404, b"")
+            self.reply(read(name))
 
-    def reply(self, status, body, headers=()):
-        self.send_response(status)
-        for key, value in list(headers) + [("Content-Length", str(len(body)))]:
-            self.send_header(key, value)
+    def reply(self, body):
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
 
