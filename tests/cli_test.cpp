@@ -1,202 +1,162 @@
-// The sealmark tool, run as a user runs it.
+// The sealmark tool, run as a user runs it, on files signed by PDFSigner.
 #include <gtest/gtest.h>
 
-#include "pdf_builder.h"
-#include "support/test_util.h"
+#include "support/mutate.h"
 
 namespace {
 
-using sealtest::run;
-using sealtest::sealmark;
-using sealtest::shellQuote;
+using namespace sealtest;
 
-class VerifyCommand : public ::testing::Test {
+const char kYamada[] = "\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E";  // 山田太郎
+
+class Cli : public ::testing::Test {
  protected:
+  // good: Signature1 on page 1, then Approval on page 2, a revision each.
   static void SetUpTestSuite() {
-    dir_ = new sealtest::TempDir;
-    using sealtest::PdfBuilder;
-    sealtest::SignatureOptions onPage2;
-    onPage2.name = "Approval";
-    onPage2.page = 1;
-    good_ = dir_->write("good.pdf", PdfBuilder().pages(2).sign().sign(onPage2).build());
-    tampered_ = dir_->write("tampered.pdf", PdfBuilder().sign().tamperPageContent().build());
-    locked_ = dir_->write("locked.pdf", PdfBuilder().encrypt("user", "owner").sign().build());
-    notPdf_ = dir_->write("notes.txt", sealtest::Bytes{'h', 'i', '\n'});
+    dir_ = new TempDir;
+    SignOptions onPage2 = options("Approval");
+    onPage2.page = 2;
+    const Bytes good = sign(sign(input("two-pages.pdf")), onPage2);
+    dir_->write("good.pdf", good);
+    dir_->write("tampered.pdf", flip(sign(input("two-pages.pdf")), 10));
+    SignOptions locked = options();
+    locked.documentPassword = "user";
+    dir_->write("locked.pdf", sign(input("two-pages-aes256.pdf"), locked));
+    dir_->write("notes.txt", bytes("hi\n"));
+    SignOptions certified = options("Group.B");
+    certified.certify = 2;
+    dir_->write("certified.pdf", sign(input("fields.pdf"), certified));
+    // A document time stamp whose token would fail as a signature, after a
+    // signature that fails: only the signature decides the exit code.
+    Bytes stamp = sign(input("two-pages.pdf"), options("Stamp"));
+    stamp = overwrite(stamp, entry(stamp, "/SubFilter"), "/SubFilter /ETSI.RFC3161");
+    dir_->write("stamp-only.pdf", flip(stamp, 10));
+    dir_->write("stamped.pdf", flip(sign(stamp, options()), 10));
+    // A certificate with the signer's key and a Japanese name, after the CA.
+    oracle("openssl req -new -utf8 -key " + pki("signer.key") + " -subj " +
+           shellQuote(std::string("/CN=") + kYamada) + " | openssl x509 -req -CA " + pki("ca.pem") +
+           " -CAkey " + pki("ca.key") + " -set_serial 0x1234567 -out " + dir_->file("yamada.pem"));
+    dir_->write("yamada.pdf", editPkcs7(sign(input("two-pages.pdf")), [](PKCS7* p7) {
+                  setCertificates(p7, {pki("ca.pem"), dir_->file("yamada.pem")});
+                }));
   }
   static void TearDownTestSuite() { delete dir_; }
-
-  static sealtest::TempDir* dir_;
-  static std::string good_, tampered_, locked_, notPdf_;
+  static std::string file(const std::string& name) { return shellQuote(dir_->file(name)); }
+  static TempDir* dir_;
 };
 
-sealtest::TempDir* VerifyCommand::dir_ = nullptr;
-std::string VerifyCommand::good_, VerifyCommand::tampered_, VerifyCommand::locked_, VerifyCommand::notPdf_;
+TempDir* Cli::dir_ = nullptr;
 
-// Reads JSON with python3 and prints what `expression` (over `d`) gives.
-std::string jsonQuery(const std::string& json, const std::string& expression) {
-  sealtest::TempDir dir;
-  const std::string path = dir.write("out.json", sealtest::Bytes(json.begin(), json.end()));
-  return run("python3 -c " + shellQuote("import json,sys\nd=json.load(open(sys.argv[1]))\nprint(repr((" + expression + ")))") +
-             " " + shellQuote(path))
-      .out;
+// What python3 prints for `expression` over `d`, the JSON that sealmark
+// printed for ARGS.
+std::string jsonQuery(const std::string& args, const std::string& expression) {
+  const auto r =
+      run(sealmark(args) + " | python3 -c " +
+          shellQuote("import json,sys\nd=json.load(sys.stdin)\nprint(repr((" + expression + ")))"));
+  return r.out;
 }
 
-TEST_F(VerifyCommand, JsonForEveryField) {
-  const auto r = run(sealmark("verify --json " + shellQuote(good_)));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_EQ(jsonQuery(r.out, "d['file'], d['revisions']"), "('" + good_ + "', 2)\n");
-  EXPECT_EQ(jsonQuery(r.out,
-                      "[(s['field'], s['page'], s['filter'], s['signed'], s['intact'], s['revision'], "
-                      "s['covers_whole_document'], s['permission']) for s in d['signatures']]"),
-            "[('Signature1', 1, '/Adobe.PPKLite', True, True, 0, False, None), "
-            "('Approval', 2, '/Adobe.PPKLite', True, True, 1, True, None)]\n");
-}
-
-TEST_F(VerifyCommand, SignerCertificateAndSigningTime) {
-  sealtest::CertOptions caOptions;
-  caOptions.commonName = "Sealmark Test CA";
-  const sealtest::Identity ca = sealtest::makeCa(caOptions);
-  sealtest::CertOptions signerOptions;
-  signerOptions.commonName = "\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E";  // 山田太郎
-  signerOptions.serial = 0x1234567;
-  const sealtest::Identity signer = sealtest::makeSigner(ca, signerOptions);
-  sealtest::SignatureOptions o;
-  o.signer.identity = &signer;
-  o.certificates = std::vector<const X509*>{ca.cert.get(), signer.cert.get()};
-  const std::string path = dir_->write("yamada.pdf", sealtest::PdfBuilder().sign(o).build());
-  const std::string certPath = dir_->write("yamada.der", signer.certDer());
-
-  const auto r = run(sealmark("verify --json " + shellQuote(path)));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  // The signer is the certificate that issued no other, whatever the order;
-  // OpenSSL put the signing time in the signed attributes as it signed.
-  EXPECT_EQ(jsonQuery(r.out, "(lambda s, c: ([a[1] for a in c['subject'] if a[0] == '2.5.4.3'], c['sha1'], c['serial'], "
-                             "len(s['certificates']), abs(__import__('calendar').timegm(__import__('time').strptime("
-                             "s['signing_time'], '%Y%m%d%H%M%SZ')) - __import__('time').time()) < 600))"
-                             "(d['signatures'][0], d['signatures'][0]['certificates'][d['signatures'][0]['signer']])"),
-            "(['\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E'], '" + sealtest::sha1Fingerprint(certPath, true) +
-                "', '01234567', 2, True)\n");
-  const auto table = run(sealmark("verify " + shellQuote(path)));
-  EXPECT_NE(table.out.find("\xE5\xB1\xB1\xE7\x94\xB0\xE5\xA4\xAA\xE9\x83\x8E"), std::string::npos) << table.out;
-}
-
-TEST_F(VerifyCommand, PermissionsAndUnsignedFields) {
-  sealtest::SignatureOptions certified;
-  certified.extraEntries = "/Reference [<< /TransformMethod /DocMDP /TransformParams << /P 2 /V /1.2 >> >>]";
-  sealtest::FieldOptions empty;
-  empty.name = "Later";
-  const std::string path = dir_->write("certified.pdf", sealtest::PdfBuilder().sign(certified).unsignedField(empty).build());
-  const auto r = run(sealmark("verify --json " + shellQuote(path)));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['signed'], s['intact'], s['revision'], s['permission']) "
-                             "for s in d['signatures']]"),
-            "[('Signature1', True, True, 0, {'P': 2, 'field_mdp': False}), ('Later', False, None, None, None)]\n");
-}
-
-TEST_F(VerifyCommand, DocumentTimeStampsGetNoVerdict) {
-  // Contents that would fail the signature check: a document time stamp is
-  // not judged by it, and doesn't fail the run.
-  sealtest::SignatureOptions stamp;
-  stamp.name = "DocTimeStamp";
-  stamp.subFilter = "ETSI.RFC3161";
-  const std::string path =
-      dir_->write("stamped.pdf", sealtest::PdfBuilder().sign().sign(stamp).tamperPageContent().build());
-  auto r = run(sealmark("verify --json " + shellQuote(path)));
-  EXPECT_EQ(r.exitCode, 1) << "the signature over the tampered page still fails";
-  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['kind'], s['intact']) for s in d['signatures']]"),
-            "[('Signature1', 'signature', False), ('DocTimeStamp', 'document_timestamp', None)]\n");
-  const std::string alone = dir_->write("stamp-only.pdf", sealtest::PdfBuilder().sign(stamp).tamperPageContent().build());
-  r = run(sealmark("verify " + shellQuote(alone)));
-  EXPECT_EQ(r.exitCode, 0) << r.out;
-  EXPECT_NE(r.out.find("time stamp, not checked"), std::string::npos) << r.out;
-}
-
-TEST_F(VerifyCommand, ExtractSignedRevision) {
-  const std::string out = dir_->file("approval-signed.pdf");
-  auto r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Signature1 --output " + shellQuote(out)));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  const auto whole = sealtest::readFile(good_);
-  const auto signedPart = sealtest::readFile(out);
-  ASSERT_FALSE(signedPart.empty());
-  ASSERT_LT(signedPart.size(), whole.size());
-  EXPECT_TRUE(std::equal(signedPart.begin(), signedPart.end(), whole.begin()));
-  // The signed revision is a PDF whose one signature covers all of it.
-  r = run(sealmark("verify --json " + shellQuote(out)));
-  EXPECT_EQ(jsonQuery(r.out, "[(s['field'], s['intact'], s['covers_whole_document']) for s in d['signatures']]"),
-            "[('Signature1', True, True)]\n");
-
-  r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Nope --output " + shellQuote(out)));
-  EXPECT_EQ(r.exitCode, 2);
-  r = run(sealmark("verify " + shellQuote(good_) + " --extract-signed Signature1"));
-  EXPECT_EQ(r.exitCode, 2) << "--output is required";
-}
-
-TEST_F(VerifyCommand, Revisions) {
-  auto r = run(sealmark("revisions --json " + shellQuote(good_)));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  const auto whole = sealtest::readFile(good_);
-  EXPECT_EQ(jsonQuery(r.out, "[(v['revision'], v['signed_by']) for v in d['revisions']], d['size']"),
-            "([(0, ['Signature1']), (1, ['Approval'])], " + std::to_string(whole.size()) + ")\n");
-  const std::string firstEnd = jsonQuery(r.out, "d['revisions'][0]['end']");
-
-  // Revision 0 is exactly the bytes up to and including the first "%%EOF\r\n".
-  const std::string out = dir_->file("rev0.pdf");
-  r = run(sealmark("revisions " + shellQuote(good_) + " --extract 0 --output " + shellQuote(out)));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  const std::string text(whole.begin(), whole.end());
-  const std::size_t marker = text.find("%%EOF\r\n");
-  ASSERT_NE(marker, std::string::npos);
-  EXPECT_EQ(sealtest::readFile(out), sealtest::Bytes(whole.begin(), whole.begin() + static_cast<long>(marker + 7)));
-  EXPECT_EQ(firstEnd, std::to_string(marker + 7) + "\n");
-
-  for (const char* bad : {"2", "-1", "x", "1x"}) {
-    r = run(sealmark("revisions " + shellQuote(good_) + " --extract " + bad + " --output " + shellQuote(out)));
-    EXPECT_EQ(r.exitCode, 2) << bad;
-    EXPECT_NE(r.err.find("no revision"), std::string::npos) << r.err;
+TEST_F(Cli, JsonKeys) {
+  struct Case {
+    std::string args, expression, expected;
+  };
+  const Bytes good = readFile(dir_->file("good.pdf"));
+  const std::string firstEnd = std::to_string(text(good).find("%%EOF\r\n") + 7),
+                    size = std::to_string(good.size());
+  for (const Case& c : std::vector<Case>{
+           {"verify --json " + file("good.pdf"),
+            "d['file'] == '" + dir_->file("good.pdf") + "', d['revisions']", "(True, 2)"},
+           {"verify --json " + file("good.pdf"),
+            "[(s['field'], s['page'], s['filter'], s['signed'], s['kind'], s['intact'], s['revision'], "
+            "s['covers_whole_document'], s['permission'], s['signing_time']) for s in d['signatures']]",
+            "[('Signature1', 1, '/Adobe.PPKLite', True, 'signature', True, 0, False, None, "
+            "'20240315120000Z'), "
+            "('Approval', 2, '/Adobe.PPKLite', True, 'signature', True, 1, True, None, '20240315120000Z')]"},
+           {"verify --json " + file("certified.pdf"),
+            "[(s['field'], s['signed'], s['intact'], s['revision'], s['permission']) for s in "
+            "d['signatures']]",
+            "[('A', False, None, None, None), ('Group.B', True, True, 0, {'P': 2, 'field_mdp': False}), "
+            "('Group.C', False, None, None, None)]"},
+           {"verify --json " + file("stamped.pdf"),
+            "[(s['field'], s['kind'], s['intact']) for s in d['signatures']]",
+            "[('Stamp', 'document_timestamp', None), ('Signature1', 'signature', False)]"},
+           // The signer is the certificate that issued no other, whatever the order.
+           {"verify --json " + file("yamada.pdf"),
+            "(lambda s: (len(s['certificates']), s['signer'], [a[1] for a in "
+            "s['certificates'][s['signer']]['subject']], "
+            "s['certificates'][s['signer']]['serial'], "
+            "s['certificates'][s['signer']]['sha1']))(d['signatures'][0])",
+            "(2, 1, ['" + std::string(kYamada) + "'], '01234567', '" +
+                sha1Fingerprint(dir_->file("yamada.pem")) + "')"},
+           {"revisions --json " + file("good.pdf"),
+            "[(v['revision'], v['end'], v['signed_by']) for v in d['revisions']]",
+            "[(0, " + firstEnd + ", ['Signature1']), (1, " + size + ", ['Approval'])]"},
+           {"revisions --json " + file("good.pdf"), "d['size']", size}}) {
+    EXPECT_EQ(jsonQuery(c.args, c.expression), c.expected + "\n") << c.args;
   }
-  r = run(sealmark("revisions " + shellQuote(good_)));
-  EXPECT_NE(r.out.find("2 revisions"), std::string::npos) << r.out;
 }
 
-TEST_F(VerifyCommand, ExitCodesAndTable) {
-  auto r = run(sealmark("verify " + shellQuote(good_)));
-  EXPECT_EQ(r.exitCode, 0);
-  EXPECT_NE(r.out.find("2 signature fields"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("Approval"), std::string::npos) << r.out;
-  r = run(sealmark("verify " + shellQuote(tampered_)));
-  EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.out.find("NO"), std::string::npos) << r.out;
-  const std::string absent = dir_->file("absent.pdf");
+TEST_F(Cli, ExitCodesTablesAndMessages) {
   struct Case {
     std::string args;
     int exitCode;
-    std::string err;  // checked when not empty
+    std::string out, err;  // found in stdout and stderr
   };
-  for (const Case& c : {// One bad file among good ones still makes the whole run fail.
-                        Case{shellQuote(good_) + " " + shellQuote(tampered_), 1, ""},
-                        Case{shellQuote(notPdf_), 2, notPdf_ + ": not a PDF file"},
-                        Case{shellQuote(absent), 2, absent + ": No such file or directory"},
-                        Case{"--password wrong " + shellQuote(locked_), 2, locked_ + ": wrong password"},
-                        Case{"--password user " + shellQuote(locked_), 0, ""}}) {
-    r = run(sealmark("verify " + c.args));
-    EXPECT_EQ(r.exitCode, c.exitCode) << c.args;
-    if (!c.err.empty()) {
-      EXPECT_EQ(r.err, "sealmark: " + c.err + "\n");
-    }
+  const std::string absent = dir_->file("absent.pdf");
+  const std::string wrote = dir_->file("out.pdf");
+  for (const Case& c : std::vector<Case>{
+           {"verify " + file("good.pdf"), 0, "good.pdf: 2 revisions, 2 signature fields", ""},
+           {"verify " + file("yamada.pdf"), 0, kYamada, ""},
+           {"verify " + file("tampered.pdf"), 1, "  NO  ", ""},
+           {"verify " + file("stamp-only.pdf"), 0, "time stamp, not checked", ""},
+           {"verify " + file("certified.pdf"), 0, "form filling", ""},
+           // One bad file among good ones still makes the whole run fail.
+           {"verify " + file("good.pdf") + " " + file("tampered.pdf"), 1, "", ""},
+           {"verify " + file("notes.txt"), 2, "",
+            "sealmark: " + dir_->file("notes.txt") + ": not a PDF file\n"},
+           {"verify " + shellQuote(absent), 2, "", "sealmark: " + absent + ": No such file or directory\n"},
+           {"verify --password wrong " + file("locked.pdf"), 2, "",
+            "sealmark: " + dir_->file("locked.pdf") + ": wrong password\n"},
+           {"verify --password user " + file("locked.pdf"), 0, "", ""},
+           {"verify " + file("good.pdf") + " --extract-signed Nope --output " + shellQuote(wrote), 2, "", ""},
+           {"verify " + file("good.pdf") + " --extract-signed Signature1", 2, "", ""},
+           {"revisions " + file("good.pdf"), 0, "2 revisions", ""},
+           {"revisions " + file("good.pdf") + " --extract 2 --output " + shellQuote(wrote), 2, "",
+            "no revision"},
+           {"revisions " + file("good.pdf") + " --extract -1 --output " + shellQuote(wrote), 2, "",
+            "no revision"},
+           {"revisions " + file("good.pdf") + " --extract 1x --output " + shellQuote(wrote), 2, "",
+            "no revision"},
+           {"verify", 2, "", ""},
+           {"verify --password", 2, "", ""},
+           {"verify --frobnicate x.pdf", 2, "", ""},
+           {"frobnicate", 2, "", ""},
+           {"", 2, "", ""},
+           {"--help", 0, "usage: sealmark", ""},
+           {"verify --help", 0, "usage: sealmark verify", ""}}) {
+    const auto r = run(sealmark(c.args));
+    EXPECT_EQ(r.exitCode, c.exitCode) << c.args << "\n" << r.out << r.err;
+    EXPECT_NE(r.out.find(c.out), std::string::npos) << c.args << "\n" << r.out;
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << c.args << "\n" << r.err;
+    EXPECT_EQ(r.err.empty(), c.exitCode != 2) << c.args;
   }
 }
 
-TEST_F(VerifyCommand, UsageErrorsAndHelp) {
-  for (const char* args : {"verify", "verify --password", "verify --frobnicate x.pdf", "frobnicate", ""}) {
+TEST_F(Cli, ExtractTheSignedRevisionAndRevisionZero) {
+  const Bytes whole = readFile(dir_->file("good.pdf"));
+  const std::size_t firstEnd = text(whole).find("%%EOF\r\n") + 7;
+  for (const std::string& args :
+       {"verify " + file("good.pdf") + " --extract-signed Signature1 --output " + file("a.pdf"),
+        "revisions " + file("good.pdf") + " --extract 0 --output " + file("b.pdf")}) {
     const auto r = run(sealmark(args));
-    EXPECT_EQ(r.exitCode, 2) << args;
-    EXPECT_FALSE(r.err.empty()) << args;
+    EXPECT_EQ(r.exitCode, 0) << r.err;
   }
-  for (const char* args : {"--help", "verify --help"}) {
-    const auto r = run(sealmark(args));
-    EXPECT_EQ(r.exitCode, 0) << args;
-    EXPECT_NE(r.out.find("usage: sealmark"), std::string::npos) << args;
-  }
+  EXPECT_EQ(readFile(dir_->file("a.pdf")), Bytes(whole.begin(), whole.begin() + static_cast<long>(firstEnd)));
+  EXPECT_EQ(readFile(dir_->file("b.pdf")), readFile(dir_->file("a.pdf")));
+  // The signed revision is a PDF whose one signature covers all of it.
+  EXPECT_EQ(jsonQuery("verify --json " + file("a.pdf"),
+                      "[(s['field'], s['intact'], s['covers_whole_document']) for s in d['signatures']]"),
+            "[('Signature1', True, True)]\n");
 }
 
 }  // namespace

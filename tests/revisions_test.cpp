@@ -3,129 +3,98 @@
 
 #include <sstream>
 
-#include "pdf_builder.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/PDFSealmarkVersion.h"
-#include "support/test_util.h"
+#include "support/mutate.h"
 
 namespace {
 
+using namespace sealtest;
 using PDF_Sealmark::PDFSealmarkVerify;
 using PDF_Sealmark::PDFSealmarkVersion;
-using sealtest::Bytes;
-using sealtest::PdfBuilder;
-
-std::vector<int> endsOf(const std::string& text) {
-  return PDF_Sealmark::findRevisionEnds(text.data(), text.size());
-}
 
 TEST(RevisionScan, OnlyCrLfMarkersCount) {
   // Markers inside streams or strings count too: the scan sees bytes only.
   // A line feed alone, or a marker cut off by the end of the file, isn't one.
-  for (const auto& [text, ends] : {std::pair<std::string, std::vector<int>>{"", {}}, {"%PDF-1.7\n%%EOF\n", {}},
-                                   {"%%EOF\r", {}}, {"%%EOF", {}}, {"%%EOF\n\r", {}}, {"%%EOF\r\n", {7}},
+  for (const auto& [text, ends] : {std::pair<std::string, std::vector<int>>{"", {}},
+                                   {"%PDF-1.7\n%%EOF\n", {}},
+                                   {"%%EOF\r", {}},
+                                   {"%%EOF", {}},
+                                   {"%%EOF\n\r", {}},
+                                   {"%%EOF\r\n", {7}},
                                    {"%%%EOF\r\nab%%EOF\r\n%%EOF\r", {8, 17}},
                                    {std::string("stream\n%%EOF\r\nendstream\0%%EOF\r\n", 31), {14, 31}},
                                    {std::string(100000, '%') + "%%EOF\r\n", {100007}}}) {
-    EXPECT_EQ(endsOf(text), ends) << text.substr(0, 40);
+    EXPECT_EQ(PDF_Sealmark::findRevisionEnds(text.data(), text.size()), ends) << text.substr(0, 40);
   }
 }
 
-class RevisionIndex : public ::testing::Test {
- protected:
-  void SetUp() override {
-    sealtest::SignatureOptions second;
-    second.name = "Signature2";
-    pdf_ = builder_.sign().sign(second).update().build();
-  }
-  PdfBuilder builder_;
-  Bytes pdf_;
-};
-
-TEST_F(RevisionIndex, MatchesTheRevisionsTheBuilderWrote) {
-  auto opened = sealtest::openPdf(pdf_);
-  ASSERT_TRUE(opened.doc);
-  PDFSealmarkVersion versions(opened.doc.get());
-  const auto& written = builder_.revisionEnds();
-  ASSERT_EQ(written.size(), 3u);
-  EXPECT_EQ(versions.getEnds(), std::vector<int>(written.begin(), written.end()));
-  EXPECT_EQ(versions.getMaxNum(), 2);
-  EXPECT_EQ(static_cast<std::size_t>(versions.getEnds().back()), pdf_.size());
-
-  for (int n = 0; n <= versions.getMaxNum(); ++n) {
-    std::ostringstream out;
-    ASSERT_TRUE(versions.getPdf(n, out));
-    EXPECT_EQ(out.str(), std::string(pdf_.begin(), pdf_.begin() + static_cast<long>(written[n])));
-  }
-  std::ostringstream none;
-  EXPECT_FALSE(versions.getPdf(-1, none));
-  EXPECT_FALSE(versions.getPdf(3, none));
-  EXPECT_TRUE(none.str().empty());
+// Signed once, then again: each signing ends the file with a revision of its
+// own.  The input's own "%%EOF\n" ends none.
+const Bytes& once() {
+  static const Bytes pdf = sign(input("two-pages.pdf"));
+  return pdf;
+}
+const Bytes& twice() {
+  static const Bytes pdf = sign(once(), options("Second"));
+  return pdf;
 }
 
-TEST_F(RevisionIndex, CopiesLiveOnWithoutTheDocument) {
+TEST(Revisions, EndWhereEachSigningLeftTheFile) {
   std::unique_ptr<PDFSealmarkVersion> copy;
   {
-    auto opened = sealtest::openPdf(pdf_);
+    auto opened = openPdf(twice());
     PDFSealmarkVersion versions(opened.doc.get());
+    EXPECT_EQ(versions.getEnds(),
+              (std::vector<int>{static_cast<int>(once().size()), static_cast<int>(twice().size())}));
+    EXPECT_EQ(versions.getMaxNum(), 1);
+    std::ostringstream none;
+    EXPECT_FALSE(versions.getPdf(-1, none) || versions.getPdf(2, none));
+    EXPECT_TRUE(none.str().empty());
     copy = std::make_unique<PDFSealmarkVersion>(versions);
-    PDFSealmarkVersion assigned = versions;
-    assigned = *copy;
   }
-  std::ostringstream out;
-  ASSERT_TRUE(copy->getPdf(0, out));
-  EXPECT_EQ(out.str().size(), builder_.revisionEnds()[0]);
+  // The copy lives on without the document.
+  for (int n : {0, 1}) {
+    std::ostringstream out;
+    ASSERT_TRUE(copy->getPdf(n, out));
+    EXPECT_EQ(bytes(out.str()), n ? twice() : once());
+  }
+  // A file that ends without CR LF: its last update is no revision.
+  auto cut = openPdf(Bytes(twice().begin(), twice().end() - 2));
+  ASSERT_TRUE(cut.doc) << cut.error;
+  EXPECT_EQ(PDFSealmarkVersion(cut.doc.get()).getEnds(), std::vector<int>{static_cast<int>(once().size())});
 }
 
-TEST(RevisionIndexEdges, TrailingBytesAndNoMarkers) {
-  // A file that ends without "\r\n": its last revision is not one.
-  const Bytes lf = PdfBuilder().sign().update().finalEol(sealtest::Eol::Lf).build();
-  auto opened = sealtest::openPdf(lf);
-  ASSERT_TRUE(opened.doc) << opened.error;
-  PDFSealmarkVersion versions(opened.doc.get());
-  EXPECT_EQ(versions.getMaxNum(), 0);
-  std::ostringstream out;
-  ASSERT_TRUE(versions.getPdf(versions.getMaxNum(), out));
-  EXPECT_LT(out.str().size(), lf.size());
-}
-
-// --- the signed revision ----------------------------------------------------
-
-TEST_F(RevisionIndex, SignedRevisionIsTheFileAsItStoodWhenSigned) {
-  const Bytes& pdf = pdf_;
-  const PdfBuilder& builder = builder_;
-  auto opened = sealtest::openPdf(pdf);
-  sealtest::TempDir dir;
-  for (const auto& facts : builder.signatures()) {
+TEST(SignedRevision, IsTheFileAsItStoodWhenSigned) {
+  auto opened = openPdf(twice());
+  TempDir dir;
+  for (const auto& [field, revision] :
+       {std::pair<const char*, const Bytes*>{"Signature1", &once()}, {"Second", &twice()}}) {
     PDFSealmarkVerify v;
-    ASSERT_TRUE(v.parse(opened.field(facts.fieldName)));
+    ASSERT_TRUE(v.parse(opened.field(field)));
     std::ostringstream out;
     ASSERT_TRUE(v.getSignedVerPdf(out));
-    const auto end = builder.revisionEnds()[facts.revision];
-    EXPECT_EQ(out.str(), std::string(pdf.begin(), pdf.begin() + static_cast<long>(end))) << facts.fieldName;
+    EXPECT_EQ(bytes(out.str()), *revision) << field;
     // What comes out is a PDF of its own, and its signature is still intact.
-    const std::string text = out.str();
-    const std::string path = dir.write(facts.fieldName + ".pdf", Bytes(text.begin(), text.end()));
-    EXPECT_EQ(sealtest::run("qpdf --check " + sealtest::shellQuote(path) + " >/dev/null").exitCode, 0);
-    auto alone = sealtest::openPdfFile(path);
+    const std::string path = dir.write(std::string(field) + ".pdf", bytes(out.str()));
+    EXPECT_EQ(run("qpdf --check " + shellQuote(path) + " >/dev/null").exitCode, 0);
+    auto alone = openPdf(readFile(path));
     PDFSealmarkVerify again;
-    ASSERT_TRUE(again.parse(alone.field(facts.fieldName)));
+    ASSERT_TRUE(again.parse(alone.field(field)));
     EXPECT_TRUE(again.verify());
   }
 }
 
 TEST(SignedRevision, RangePastTheEndIsPaddedWithZeros) {
-  sealtest::SignatureOptions o;
-  o.byteRangeText = "[0 10 20 200000]";
-  const Bytes pdf = PdfBuilder().sign(o).build();
-  auto opened = sealtest::openPdf(pdf);
+  const Bytes pdf = withRange(sign(input("two-pages.pdf"), options("", 100)), "[0 10 20 200000]");
+  auto opened = openPdf(pdf);
   PDFSealmarkVerify v;
   ASSERT_TRUE(v.parse(opened.field("Signature1")));
   std::ostringstream out;
   ASSERT_TRUE(v.getSignedVerPdf(out));
   const std::string got = out.str();
   ASSERT_EQ(got.size(), 200020u);
-  EXPECT_EQ(got.substr(0, pdf.size()), std::string(pdf.begin(), pdf.end()));
+  EXPECT_EQ(got.substr(0, pdf.size()), text(pdf));
   EXPECT_EQ(got.find_first_not_of('\0', pdf.size()), std::string::npos);
   // The stream is usable afterwards.
   EXPECT_FALSE(v.verify());
@@ -135,16 +104,13 @@ TEST(SignedRevision, RangePastTheEndIsPaddedWithZeros) {
 }
 
 TEST(SignedRevision, RefusedForUnsignedAndInvalidRanges) {
-  sealtest::FieldOptions empty;
-  empty.name = "Empty";
-  sealtest::SignatureOptions overlap;
-  overlap.byteRangeText = "[0 100 99 50]";
-  auto opened = sealtest::openPdf(PdfBuilder().sign(overlap).unsignedField(empty).build());
-  for (const char* name : {"Empty", "Signature1"}) {
+  auto unsignedField = openPdf(sign(input("fields.pdf"), options("Group.B")));
+  auto overlap = openPdf(withRange(sign(input("two-pages.pdf"), options("", 100)), "[0 100 99 50]"));
+  for (auto* field : {unsignedField.field("A"), overlap.field("Signature1")}) {
     PDFSealmarkVerify v;
-    ASSERT_TRUE(v.parse(opened.field(name)));
+    ASSERT_TRUE(v.parse(field));
     std::ostringstream out;
-    EXPECT_FALSE(v.getSignedVerPdf(out)) << name;
+    EXPECT_FALSE(v.getSignedVerPdf(out)) << field->getName();
     EXPECT_TRUE(out.str().empty());
   }
 }
@@ -153,8 +119,8 @@ TEST(SignedRevision, RefusedForUnsignedAndInvalidRanges) {
 
 struct PermissionCase {
   const char* what;
-  std::string entries;
-  std::vector<std::string> objects;
+  int certify;          // the signer's own DocMDP, 1 to 3
+  std::string entries;  // or this written over the /Reason of fields.pdf's signature
   bool found;
   int permission;
   bool fieldMdp;
@@ -164,61 +130,46 @@ class Permission : public ::testing::TestWithParam<PermissionCase> {};
 
 TEST_P(Permission, ReadFromReference) {
   const PermissionCase& c = GetParam();
-  sealtest::SignatureOptions o;
-  o.extraEntries = c.entries;
-  o.extraObjects = c.objects;
-  auto opened = sealtest::openPdf(PdfBuilder().sign(o).build());
-  ASSERT_TRUE(opened.doc) << opened.error;
+  SignOptions o = options("Group.B", 100);
+  o.certify = c.certify;
+  Bytes pdf = sign(input("fields.pdf"), o);
+  if (!c.certify) pdf = overwrite(pdf, entry(pdf, "/Reason"), c.entries);
+  auto opened = openPdf(pdf);
   PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
+  ASSERT_TRUE(v.parse(opened.field("Group.B"))) << opened.error;
   auto permission = static_cast<PDF_Folio::PL_VerifyDocPerm>(77);
   bool fieldMdp = true;
   EXPECT_EQ(v.getPermission(permission, fieldMdp), c.found);
-  if (c.found) {
-    EXPECT_EQ(permission, c.permission);
-    EXPECT_EQ(fieldMdp, c.fieldMdp);
-  } else {
-    EXPECT_EQ(permission, 77) << "left alone";
-    EXPECT_TRUE(fieldMdp) << "left alone";
-  }
-}
-
-const char kDocMdp[] = "<< /Type /SigRef /TransformMethod /DocMDP /TransformParams << /P %d /V /1.2 >> >>";
-
-std::string docMdp(int p) {
-  char buf[200];
-  std::snprintf(buf, sizeof buf, kDocMdp, p);
-  return buf;
+  // Without a /Reference array both are left alone.
+  EXPECT_EQ(permission, c.found ? c.permission : 77);
+  EXPECT_EQ(fieldMdp, c.found ? c.fieldMdp : true);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     References, Permission,
     ::testing::Values(
-        PermissionCase{"none", "", {}, false, 0, false},
-        PermissionCase{"not an array", "/Reference << /P 1 >>", {}, false, 0, false},
-        PermissionCase{"empty", "/Reference []", {}, true, 0, false},
-        PermissionCase{"docmdp 1", "/Reference [" + docMdp(1) + "]", {}, true, 1, false},
-        PermissionCase{"docmdp 2", "/Reference [" + docMdp(2) + "]", {}, true, 2, false},
-        PermissionCase{"last P wins", "/Reference [" + docMdp(1) + " " + docMdp(3) + "]", {}, true, 3, false},
-        PermissionCase{"fieldmdp without P",
-                       "/Reference [<< /TransformMethod /FieldMDP /TransformParams << /Action /All >> >>]", {}, true,
-                       0, true},
-        PermissionCase{"P beats the method of its own entry",
-                       "/Reference [<< /TransformMethod /FieldMDP /TransformParams << /P 3 >> >>]", {}, true, 3, false},
-        PermissionCase{"fieldmdp stays once set",
-                       "/Reference [<< /TransformMethod /FieldMDP >> " + docMdp(2) + "]", {}, true, 2, true},
-        PermissionCase{"array by reference", "/Reference {0}", {"[" + docMdp(1) + "]"}, true, 1, false},
-        PermissionCase{"params by reference",
-                       "/Reference [<< /TransformMethod /DocMDP /TransformParams {0} >>]", {"<< /P 3 >>"}, true, 3,
+        PermissionCase{"Certify1", 1, "", true, 1, false}, PermissionCase{"Certify2", 2, "", true, 2, false},
+        PermissionCase{"Certify3", 3, "", true, 3, false}, PermissionCase{"None", 0, "", false, 0, false},
+        PermissionCase{"NotAnArray", 0, "/Reference << /P 1 >>", false, 0, false},
+        PermissionCase{"Empty", 0, "/Reference []", true, 0, false},
+        PermissionCase{"LastPWins", 0,
+                       "/Reference [<</TransformParams<</P 1>>>> <</TransformParams<</P 3>>>>]", true, 3,
                        false},
-        PermissionCase{"elements by reference are skipped", "/Reference [{0}]", {docMdp(2)}, true, 0, false},
-        PermissionCase{"P that is no number is absent",
-                       "/Reference [<< /TransformMethod /FieldMDP /TransformParams << /P /Two >> >>]", {}, true, 0,
-                       true}),
-    [](const ::testing::TestParamInfo<PermissionCase>& info) {
-      std::string name = info.param.what;
-      for (char& ch : name) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-      return name;
-    });
+        PermissionCase{"FieldMdpWithoutP", 0,
+                       "/Reference [<</TransformMethod/FieldMDP/TransformParams<</Action/All>>>>]", true, 0,
+                       true},
+        PermissionCase{"PBeatsTheMethodOfItsEntry", 0,
+                       "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P 3>>>>]", true, 3, false},
+        PermissionCase{"FieldMdpStaysOnceSet", 0,
+                       "/Reference [<</TransformMethod/FieldMDP>> <</TransformParams<</P 2>>>>]", true, 2,
+                       true},
+        PermissionCase{"PThatIsNoNumberIsAbsent", 0,
+                       "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P/Two>>>>]", true, 0, true},
+        // Objects 5 to 7 of fields.pdf (see tests/data/README.md).
+        PermissionCase{"ArrayByReference", 0, "/Reference 6 0 R", true, 1, false},
+        PermissionCase{"ParamsByReference", 0,
+                       "/Reference [<</TransformMethod/DocMDP/TransformParams 5 0 R>>]", true, 3, false},
+        PermissionCase{"ElementsByReferenceAreSkipped", 0, "/Reference [7 0 R]", true, 0, false}),
+    [](const ::testing::TestParamInfo<PermissionCase>& info) { return std::string(info.param.what); });
 
 }  // namespace

@@ -18,11 +18,15 @@ struct OpenedPdf {
   std::vector<PDF_Folio::CSigField*> fields;
   std::string error;
 
-  PDF_Folio::CSigField* field(const std::string& name) const;
+  PDF_Folio::CSigField* field(const std::string& name) const {
+    for (auto* f : fields) {
+      if (f->getName() == name) return f;
+    }
+    return nullptr;
+  }
 };
 
 OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password = "");
-OpenedPdf openPdfFile(const std::string& path, const std::string& password = "");
 
 struct CommandResult {
   int exitCode = -1;
