@@ -46,7 +46,8 @@ struct Files {
 // The signer of the tests' PKI (tests/support/make_pki.sh), made on first use.
 const PDF_Sealmark::PDFCert& signer(const std::string& dir) {
   static PDF_Sealmark::PDFCert cert = [&] {
-    const std::string make = "'" SEALMARK_SOURCE_DIR "/tests/support/make_pki.sh' '" + dir + "/pki' >/dev/null";
+    const std::string make =
+        "'" SEALMARK_SOURCE_DIR "/tests/support/make_pki.sh' '" + dir + "/pki' >/dev/null";
     if (std::system(make.c_str()) != 0) throw std::runtime_error("make_pki.sh failed");
     std::ifstream in(dir + "/pki/signer.p12", std::ios::binary);
     PDF_Sealmark::PDFCert c;
@@ -81,12 +82,17 @@ const std::string& signedPdfOfSize(std::size_t bytes) {
   auto it = f.paths.find(bytes);
   if (it != f.paths.end()) return it->second;
   const std::string path = f.dir + "/signed-" + std::to_string(bytes) + ".pdf";
-  // The unsigned two-page input, then comment lines up to the size asked
-  // for, then the signer's update: the comments sit between two revisions,
-  // where no reader parses them, and every byte of them is signed.
+  // The unsigned two-page input, comment lines up to the size asked for,
+  // and again its own startxref and end marker, since readers look for the
+  // last startxref near the end of the file; then the signer's update.
+  // Every byte of the comments is signed.
   std::vector<unsigned char> input = readAll(SEALMARK_SOURCE_DIR "/tests/data/two-pages.pdf");
+  const std::string text(input.begin(), input.end());
+  const std::string tail = text.substr(text.rfind("startxref"));
   const std::string line = "%" + std::string(98, 'x') + "\n";
-  while (input.size() + line.size() <= bytes) input.insert(input.end(), line.begin(), line.end());
+  while (input.size() + line.size() + tail.size() <= bytes)
+    input.insert(input.end(), line.begin(), line.end());
+  input.insert(input.end(), tail.begin(), tail.end());
   PDF_Sealmark::PDFSigner::Options options;
   options.reservedBytes = 8192;
   std::vector<unsigned char> output;
@@ -94,8 +100,8 @@ const std::string& signedPdfOfSize(std::size_t bytes) {
   if (!PDF_Sealmark::PDFSigner::sign(input, output, signer(f.dir), options, &why)) {
     throw std::runtime_error("signing failed: " + why);
   }
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(output.data()),
-                                              static_cast<std::streamsize>(output.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(output.data()), static_cast<std::streamsize>(output.size()));
   return f.paths.emplace(bytes, path).first->second;
 }
 

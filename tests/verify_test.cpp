@@ -1,10 +1,15 @@
-// Parsing and checking one signature field, its certificates and signing
-// time, on files signed by PDFSigner and edited as tests/support/mutate.h says.
+// One signature field (parse, verify, contents, certificates, signing time,
+// signed revision, permissions) and the revision index, on files signed by
+// PDFSigner and edited as tests/support/mutate.h says.
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
 
 #include <sstream>
 
 #include "pdfsealmark/PDFSealmarkVerify.h"
+#include "pdfsealmark/PDFSealmarkVersion.h"
+#include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
 #include "pdfsealmark/verify/signer_info.h"
 #include "support/mutate.h"
@@ -13,8 +18,11 @@ namespace {
 
 using namespace sealtest;
 using PDF_Sealmark::PDFSealmarkVerify;
+using PDF_Sealmark::PDFSealmarkVersion;
 using D = PDF_Sealmark::PDFSigner::Digest;
 using S = PDF_Sealmark::PDFSigner::SubFilter;
+constexpr int kRfc3161 = PDF_Sealmark::kRfc3161TimeStamp, kService = PDF_Sealmark::kServiceTimeStamp,
+              kPfu = PDF_Sealmark::kPfuFilterTimeStamp;
 
 const Bytes kNotPkcs7{0x30, 0x03, 0x02, 0x01, 0x05};  // a SEQUENCE, but no ContentInfo
 
@@ -26,18 +34,11 @@ Bytes edited(const std::function<void(PKCS7*)>& edit, const char* who = "signer"
 }
 std::string pem(const std::string& who) { return pki(who + ".pem"); }
 // The certificate set made of these PKI certificates, in this order.
-Bytes withCerts(std::vector<std::string> whom, const char* who = "signer") {
-  for (std::string& w : whom) w = pem(w);
-  return edited([&](PKCS7* p7) { setCertificates(p7, whom); }, who);
-}
-template <class T>
-std::string nameOf(const ::testing::TestParamInfo<T>& info) {
-  return info.param.name;
-}
-Bytes noSignerInfos() {
-  return edited([](PKCS7* p7) {
-    while (auto* si = sk_PKCS7_SIGNER_INFO_pop(p7->d.sign->signer_info)) PKCS7_SIGNER_INFO_free(si);
-  });
+Bytes withCerts(const std::string& whom, const char* who = "signer") {
+  std::vector<std::string> files;
+  std::istringstream names(whom);
+  for (std::string name; names >> name;) files.push_back(pem(name));
+  return edited([&](PKCS7* p7) { setCertificates(p7, files); }, who);
 }
 PKCS7_SIGNER_INFO* signerInfo(PKCS7* p7, int i) {
   return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), i);
@@ -49,6 +50,7 @@ Bytes twoSigners(int bad) {
     if (bad >= 0) (bad ? second : signerInfo(p7, 0))->enc_digest->data[0] ^= 1;
   });
 }
+void dropSignerInfo(PKCS7* p7) { PKCS7_SIGNER_INFO_free(sk_PKCS7_SIGNER_INFO_pop(p7->d.sign->signer_info)); }
 // The /Contents of a file signed a second later: same layout, other bytes.
 Bytes swapped(S subFilter) {
   SignOptions o = options(), later = options();
@@ -56,19 +58,20 @@ Bytes swapped(S subFilter) {
   later.signingTime = "20240315120001Z";
   return withContents(signedPdf(o), contentsOf(signedPdf(later)));
 }
-// An adbe.pkcs7.sha1 object made by OpenSSL, SHA-1 signing the first
-// `size` bytes of the SHA-256 digest of the signed bytes.
-Bytes embedded(std::size_t size) {
-  const Bytes pdf = signedPdf(), data = signedBytes(pdf);
-  Bytes content(EVP_MAX_MD_SIZE);
-  EVP_Digest(data.data(), data.size(), content.data(), nullptr, EVP_sha256(), nullptr);
-  content.resize(size);
-  auto cert = pkiCert("signer");
-  auto key = pkiKey("signer");
-  ossl::UniquePtr<BIO> in(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
-  ossl::UniquePtr<PKCS7> p7(PKCS7_sign(nullptr, nullptr, nullptr, nullptr, PKCS7_BINARY | PKCS7_PARTIAL));
-  EXPECT_TRUE(PKCS7_sign_add_signer(p7.get(), cert.get(), key.get(), EVP_sha1(), PKCS7_BINARY) &&
-              PKCS7_final(p7.get(), in.get(), PKCS7_BINARY));
+// An adbe.pkcs7.sha1 object made by OpenSSL: SHA-256 signs the first `size`
+// bytes of the SHA-384 digest of the signed bytes.
+Bytes embedded(int size) {
+  const Bytes pdf = signedPdf();
+  long a = 0, b = 0, c = 0, d = 0;
+  std::sscanf(entry(pdf, "/ByteRange").c_str(), "/ByteRange [ %ld %ld %ld %ld", &a, &b, &c, &d);
+  Bytes data(pdf.begin() + a, pdf.begin() + a + b), content(EVP_MAX_MD_SIZE);
+  data.insert(data.end(), pdf.begin() + c, pdf.begin() + c + d);
+  EVP_Digest(data.data(), data.size(), content.data(), nullptr, EVP_sha384(), nullptr);
+  const auto id = load(pki("signer.p12"), "test");
+  PDF_Sealmark::ossl::UniquePtr<BIO> in(BIO_new_mem_buf(content.data(), size));
+  PDF_Sealmark::ossl::UniquePtr<PKCS7> p7(PKCS7_sign(reinterpret_cast<X509*>(id.getX509()),
+                                                     reinterpret_cast<EVP_PKEY*>(id.getPKey()), nullptr,
+                                                     in.get(), PKCS7_BINARY | PKCS7_NOSMIMECAP));
   return withContents(pdf, der(p7.get()));
 }
 Bytes onPage2(bool keepP, bool keepAnnots) {
@@ -78,10 +81,38 @@ Bytes onPage2(bool keepP, bool keepAnnots) {
   if (!keepP) pdf = overwrite(pdf, entry(pdf, "/P"), "");
   return keepAnnots ? pdf : overwrite(pdf, entry(pdf, "/Annots"), "");
 }
-Bytes fields() { return sign(input("fields.pdf"), options("Group.B")); }
+Bytes fields(SignOptions o = options("Group.B")) { return sign(input("fields.pdf"), o); }
+// Time-stamp tokens as unsigned attributes, one per signer info (two make
+// a second signer info): R a PKCS#7 object, O five bytes that are none, L
+// 40 such bytes (a DER SET puts the longer signer info last).  Then the
+// /Filter, if any, written over the signer's /Filter and /SubFilter.
+Bytes token(char t) {
+  if (t == 'R')
+    return {0x30, 0x0b, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};  // data
+  Bytes large{0x30, 0x26, 0x04, 0x24};
+  large.resize(40);
+  return t == 'L' ? large : kNotPkcs7;
+}
+Bytes stamped(const std::string& tokens, const std::string& filter = "") {
+  Bytes pdf = edited([&](PKCS7* p7) {
+    if (tokens.size() > 1) addSigner(p7, "second");
+    for (std::size_t i = 0; i < tokens.size(); ++i) {
+      ASN1_STRING* value = ASN1_STRING_new();
+      ASN1_STRING_set(value, token(tokens[i]).data(), static_cast<int>(token(tokens[i]).size()));
+      PKCS7_add_attribute(signerInfo(p7, static_cast<int>(i)), NID_id_smime_aa_timeStampToken,
+                          V_ASN1_SEQUENCE, value);
+    }
+  });
+  return filter.empty()
+             ? pdf
+             : overwrite(pdf, entry(pdf, "/Filter") + entry(pdf, "/SubFilter"), "/Filter" + filter);
+}
+template <class T>
+std::string nameOf(const ::testing::TestParamInfo<T>& info) {
+  return info.param.name;
+}
 
-using Combination = std::tuple<D, S, const char*, const char*>;
-class GoodSignature : public ::testing::TestWithParam<Combination> {};
+class GoodSignature : public ::testing::TestWithParam<std::tuple<D, S, const char*, const char*>> {};
 
 TEST_P(GoodSignature, ParsesAndVerifies) {
   const auto& [digest, subFilter, file, who] = GetParam();
@@ -90,10 +121,9 @@ TEST_P(GoodSignature, ParsesAndVerifies) {
   o.subFilter = subFilter;
   o.page = 2;
   auto opened = openPdf(sign(input(file), o, who));
-  ASSERT_EQ(opened.fields.size(), 1u) << opened.error;
   PDFSealmarkVerify v;
-  EXPECT_TRUE(v.parse(opened.fields[0]) && v.getHasSigned() && v.verify());
-  EXPECT_EQ(v.getPageNum(), 2);
+  ASSERT_EQ(opened.fields.size(), 1u) << opened.error;
+  EXPECT_TRUE(v.parse(opened.fields[0]) && v.getHasSigned() && v.verify() && v.getPageNum() == 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, GoodSignature,
@@ -103,22 +133,26 @@ INSTANTIATE_TEST_SUITE_P(All, GoodSignature,
                                             ::testing::Values("two-pages.pdf", "two-pages-xref-stream.pdf"),
                                             ::testing::Values("signer", "ec-signer")));
 
-// What parse and verify find on one field of an odd file.
+// What parse, verify, getContents and getSignedVerPdf find on one field of
+// an odd file.
 struct Outcome {
   const char* name;
   std::function<Bytes()> pdf;
   bool intact, isSigned = true, parsed = true;
   int page = 1;
   const char* field = "Signature1";
+  int timeStamp = PDF_Sealmark::kNoTimeStamp;  // the kind of token found
 };
 
 class Verdict : public ::testing::TestWithParam<Outcome> {};
 
 TEST_P(Verdict, ParseAndVerify) {
   const Outcome& o = GetParam();
-  auto opened = openPdf(o.pdf());
+  const Bytes pdf = o.pdf();
+  auto opened = openPdf(pdf);
   ASSERT_TRUE(opened.field(o.field)) << opened.error;
   PDFSealmarkVerify v;
+  std::ostringstream contents, revision;
   EXPECT_EQ(v.parse(opened.field(o.field)), o.parsed);
   EXPECT_EQ(v.getHasSigned(), o.isSigned);
   EXPECT_EQ(v.verify(), o.intact);
@@ -126,6 +160,14 @@ TEST_P(Verdict, ParseAndVerify) {
   // A field that failed late keeps its signature dictionary; one without a
   // PKCS#7 object has none.
   EXPECT_EQ(v.getSigDict() != nullptr, o.isSigned || !o.parsed);
+  EXPECT_EQ(v.getImpl()->tsKind, o.timeStamp);
+  EXPECT_EQ(v.getImpl()->tsPkcs7 != nullptr, o.timeStamp == kRfc3161);
+  // The whole /Contents slot, decoded; the file up to the signature's end.
+  EXPECT_EQ(v.getContents(contents) && v.getSignedVerPdf(revision), o.isSigned);
+  if (o.isSigned && std::string(o.name) != "FirstOfTwo") {
+    EXPECT_EQ(bytes(contents.str()), contentsOf(pdf));
+    EXPECT_EQ(bytes(revision.str()), pdf);
+  }
 }
 
 const Outcome kFiles[] = {
@@ -134,22 +176,18 @@ const Outcome kFiles[] = {
     {"SwappedEmbedded", [] { return swapped(S::kPkcs7Sha1); }, false},
     // The content's length alone picks the digest of an embedded
     // signature, whatever the signer info says; 24 bytes match none.
-    {"EmbeddedSha256UnderSha1", [] { return embedded(32); }, true},
+    {"EmbeddedSha384UnderSha256", [] { return embedded(48); }, true},
     {"Embedded24Bytes", [] { return embedded(24); }, false},
     // Any embedded certificate whose key verifies will do.
-    {"SignerAmongOthers",
-     [] {
-       return withCerts({"ca", "unrelated", "signer"});
-     },
-     true},
-    {"SignerCertificateMissing", [] { return withCerts({"ca"}); }, false},
-    {"NoCertificates", [] { return withCerts({}); }, false},
-    {"AnotherKey", [] { return withCerts({"signer"}, "second"); }, false},
+    {"SignerAmongOthers", [] { return withCerts("ca unrelated signer"); }, true},
+    {"SignerCertificateMissing", [] { return withCerts("ca"); }, false},
+    {"NoCertificates", [] { return withCerts(""); }, false},
+    {"AnotherKey", [] { return withCerts("signer", "second"); }, false},
     // Every signer info must verify; with none, nothing fails.
     {"TwoSigners", [] { return twoSigners(-1); }, true},
     {"TwoSignersNewOneBad", [] { return twoSigners(1); }, false},
     {"TwoSignersOldOneBad", [] { return twoSigners(0); }, false},
-    {"NoSignerInfos", noSignerInfos, true},
+    {"NoSignerInfos", [] { return edited(dropSignerInfo); }, true},
     // A later signature leaves the earlier one intact.
     {"FirstOfTwo", [] { return sign(signedPdf(), options("Second")); }, true},
     {"SecondOfTwo", [] { return sign(signedPdf(), options("Second")); }, true, true, true, 1, "Second"},
@@ -158,19 +196,33 @@ const Outcome kFiles[] = {
     {"PageFromWidget", [] { return onPage2(true, false); }, false, true, true, 2},
     {"PageFromAnnots", [] { return onPage2(false, true); }, false, true, true, 2},
     {"NoPage", [] { return onPage2(false, false); }, false, false, false, 0},
-    {"WidgetKidOfNestedField", fields, true, true, true, 2, "Group.B"},
-    {"UnsignedField", fields, false, false, true, 1, "A"},
-    {"ContentsNotPkcs7", [] { return withContents(signedPdf(), kNotPkcs7); }, false, false}};
+    {"WidgetKidOfNestedField", [] { return fields(); }, true, true, true, 2, "Group.B"},
+    {"UnsignedField", [] { return fields(); }, false, false, true, 1, "A"},
+    {"ContentsNotPkcs7", [] { return withContents(signedPdf(), kNotPkcs7); }, false, false},
+    // The last signer info with a time-stamp token decides its kind; a
+    // /Filter that begins "/PFUP.TimeStamp" decides, whatever the token.
+    {"Pkcs7Token", [] { return stamped("R"); }, true, true, true, 1, "Signature1", kRfc3161},
+    {"OtherToken", [] { return stamped("O"); }, true, true, true, 1, "Signature1", kService},
+    {"LastIsPkcs7", [] { return stamped("OR"); }, true, true, true, 1, "Signature1", kRfc3161},
+    {"LastIsOther", [] { return stamped("RL"); }, true, true, true, 1, "Signature1", kService},
+    {"PfuFilter", [] { return stamped("", "/PFUP.TimeStamp"); }, false, true, true, 1, "Signature1", kPfu},
+    {"PfuX", [] { return stamped("O", "/PFUP.TimeStampX"); }, false, true, true, 1, "Signature1", kPfu},
+    {"PfuShort", [] { return stamped("R", "/PFUP.TimeStam"); }, false, true, true, 1, "Signature1",
+     kRfc3161}};
 
 INSTANTIATE_TEST_SUITE_P(Files, Verdict, ::testing::ValuesIn(kFiles), nameOf<Outcome>);
 
 TEST(ByteRange, ReadFromTheFileAndJudged) {
   auto check = [](const char* value, bool valid) {
-    auto opened = openPdf(withRange(signedPdf(options("", 100)), value));
-    PDFSealmarkVerify v;
-    ASSERT_TRUE(v.parse(opened.field("Signature1")) && v.getHasSigned()) << value;
+    // A later signature's range, edited: it must not blind the check of the
+    // earlier one.
+    auto opened = openPdf(withRange(sign(signedPdf(), options("Edited", 100)), value));
+    PDFSealmarkVerify v, earlier;
+    std::ostringstream out;
+    ASSERT_TRUE(v.parse(opened.field("Edited")) && v.getHasSigned()) << value;
     EXPECT_EQ(PDF_Sealmark::ByteRange::of(*v.getSigDict()).isValid(), valid) << value;
-    EXPECT_FALSE(v.verify()) << value;  // none of them is what was signed
+    EXPECT_FALSE(v.verify() || (!valid && v.getSignedVerPdf(out))) << value;  // none is what was signed
+    EXPECT_TRUE(earlier.parse(opened.field("Signature1")) && earlier.verify()) << value;
   };
   // Touching ranges, an empty first range at a non-zero offset, a range
   // past the end of the file: valid, but they fail verify.
@@ -184,177 +236,174 @@ TEST(ByteRange, ReadFromTheFileAndJudged) {
   }
 }
 
-TEST(Verify, RangePastTheEndDoesNotBlindLaterChecks) {
-  auto opened = openPdf(withRange(sign(signedPdf(), options("Broken", 100)), "[0 10 20 2000000000]"));
-  PDFSealmarkVerify broken, fine;
-  ASSERT_TRUE(broken.parse(opened.field("Broken")) && fine.parse(opened.field("Signature1")));
-  EXPECT_FALSE(broken.verify());
-  EXPECT_TRUE(fine.verify());
-}
-
-TEST(Parse, GetContentsGivesTheWholeSlotDecoded) {
-  const Bytes pdf = signedPdf();
+TEST(SignedRevision, RangePastTheEndIsPaddedWithZeros) {
+  const Bytes pdf = withRange(signedPdf(options("", 100)), "[0 10 20 200000]");
   auto opened = openPdf(pdf);
   PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
-  std::ostringstream out;
-  ASSERT_TRUE(v.getContents(out));
-  Bytes expected = contentsOf(pdf);
-  expected.resize(8192);
-  EXPECT_EQ(bytes(out.str()), expected);
-  auto unsignedField = openPdf(fields());
-  ASSERT_TRUE(v.parse(unsignedField.field("A")));
-  EXPECT_FALSE(v.getContents(out));
+  std::ostringstream out, again;
+  ASSERT_TRUE(v.parse(opened.field("Signature1")) && v.getSignedVerPdf(out));
+  ASSERT_EQ(out.str().size(), 200020u);
+  EXPECT_EQ(out.str().substr(0, pdf.size()), text(pdf));
+  EXPECT_EQ(out.str().find_first_not_of('\0', pdf.size()), std::string::npos);
+  // The stream is usable afterwards.
+  EXPECT_FALSE(v.verify());
+  EXPECT_TRUE(v.getSignedVerPdf(again) && again.str() == out.str());
 }
 
-// Time-stamp tokens: per signer info, R a PKCS#7 object, O five bytes that
-// are none, L 40 such bytes (a DER SET puts the longer signer info last);
-// the /Filter written over the signer's; the kind and token kept.
-struct TokenCase {
-  const char *name, *tokens, *filter;
-  int kind;
-  char kept;
-};
-
-Bytes token(char t) {
-  if (t == 'R')
-    return {0x30, 0x0b, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};  // data
-  Bytes large{0x30, 0x26, 0x04, 0x24};
-  large.resize(40);
-  return t == 'L' ? large : t == 'O' ? kNotPkcs7 : Bytes{};
+TEST(Revisions, EndWhereEachSigningLeftTheFileWithCrLf) {
+  // The input's own "%%EOF\n" ends no revision.
+  const Bytes once = signedPdf(), twice = sign(once, options("Second"));
+  std::unique_ptr<PDFSealmarkVersion> copy;
+  {
+    auto opened = openPdf(twice);
+    PDFSealmarkVersion versions(opened.doc.get());
+    EXPECT_EQ(versions.getEnds(),
+              (std::vector<int>{static_cast<int>(once.size()), static_cast<int>(twice.size())}));
+    EXPECT_EQ(versions.getMaxNum(), 1);
+    std::ostringstream none;
+    EXPECT_FALSE(versions.getPdf(-1, none) || versions.getPdf(2, none) || !none.str().empty());
+    copy = std::make_unique<PDFSealmarkVersion>(versions);
+  }
+  // The copy lives on without the document.
+  for (int n : {0, 1}) {
+    std::ostringstream out;
+    EXPECT_TRUE(copy->getPdf(n, out) && bytes(out.str()) == (n ? twice : once)) << n;
+  }
+  // A file that ends without CR LF: its last update is no revision.
+  auto cut = openPdf(Bytes(twice.begin(), twice.end() - 2));
+  ASSERT_TRUE(cut.doc) << cut.error;
+  EXPECT_EQ(PDFSealmarkVersion(cut.doc.get()).getEnds(), std::vector<int>{static_cast<int>(once.size())});
+  // Markers inside streams or strings count too: the scan sees bytes only.
+  // A line feed alone, or a marker cut off by the end of the file, isn't one.
+  for (const auto& [text, ends] : {std::pair<std::string, std::vector<int>>{"%%EOF\r", {}},
+                                   {"%%EOF\n\r", {}},
+                                   {"%%%EOF\r\nab%%EOF\r\n%%EOF\r", {8, 17}},
+                                   {std::string("stream\n%%EOF\r\nendstream\0%%EOF\r\n", 31), {14, 31}},
+                                   {std::string(100000, '%') + "%%EOF\r\n", {100007}}}) {
+    EXPECT_EQ(PDF_Sealmark::findRevisionEnds(text.data(), text.size()), ends) << text.substr(0, 40);
+  }
 }
 
-class TimeStampToken : public ::testing::TestWithParam<TokenCase> {};
-
-TEST_P(TimeStampToken, KindFollowsTheLastSignerInfoThatCarriesOne) {
-  const TokenCase& c = GetParam();
-  Bytes pdf = edited([&](PKCS7* p7) {
-    if (c.tokens[0] && c.tokens[1]) addSigner(p7, "second");
-    for (int i = 0; c.tokens[i]; ++i) {
-      ASN1_STRING* value = ASN1_STRING_new();
-      ASN1_STRING_set(value, token(c.tokens[i]).data(), static_cast<int>(token(c.tokens[i]).size()));
-      PKCS7_add_attribute(signerInfo(p7, i), NID_id_smime_aa_timeStampToken, V_ASN1_SEQUENCE, value);
+TEST(Encrypted, SignatureReadFromStoredBytesThenDecrypted) {
+  for (const auto& [file, user] :
+       {std::pair<const char*, const char*>{"two-pages-aes128.pdf", ""}, {"two-pages-aes256.pdf", "user"}}) {
+    SignOptions o = options();
+    o.documentPassword = user;
+    o.reason = "Approved";
+    const Bytes pdf = sign(input(file), o);
+    for (const char* password : {user, "owner"}) {
+      auto opened = openPdf(pdf, password);
+      PDFSealmarkVerify v;
+      ASSERT_TRUE(opened.doc && v.parse(opened.field("Signature1"))) << opened.error;
+      EXPECT_TRUE(v.verify()) << file << " " << password;
+      // After parse the signature dictionary holds decrypted strings.
+      PDF_Vellum::PDFObject* reason = v.getSigDict()->getContents("/Reason");
+      EXPECT_EQ(reason ? std::string(reason->getString(), reason->getLenth()) : "", "Approved") << file;
     }
-  });
-  // The signer writes /Filter and /SubFilter side by side; the latter goes.
-  if (*c.filter)
-    pdf = overwrite(pdf, entry(pdf, "/Filter") + entry(pdf, "/SubFilter"), std::string("/Filter") + c.filter);
-  auto opened = openPdf(pdf);
+    std::string why;
+    EXPECT_FALSE(PDF_Vellum::PDFDocument::openMemory(pdf, "nope", &why));
+    EXPECT_EQ(why, "wrong password");
+    EXPECT_TRUE(!*user ||
+                (!PDF_Vellum::PDFDocument::openMemory(pdf, "", &why) && why == "password required"));
+  }
+}
+
+TEST(SignerInfo, CertificatesInOrderAndTheLastSigningTime) {
+  // Two signer infos; the certificate set holds the CA, a version 1
+  // certificate, and the two signers, in that order.
+  oracle("openssl req -new -key " + pki("signer.key") + " -subj /CN=V1 | openssl x509 -req -CA " + pem("ca") +
+         " -CAkey " + pki("ca.key") + " -set_serial 77 -out " + pem("v1"));
+  auto opened = openPdf(edited([](PKCS7* p7) {
+    addSigner(p7, "second");
+    setCertificates(p7, {pem("ca"), pem("v1"), pem("signer"), pem("second")});
+  }));
   PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
-  EXPECT_EQ(v.getImpl()->tsKind, c.kind);
-  EXPECT_EQ(v.getImpl()->tsToken, token(c.kept));
-  EXPECT_EQ(v.getImpl()->tsPkcs7 != nullptr, c.kept == 'R');
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Tokens, TimeStampToken,
-    ::testing::Values(
-        TokenCase{"None", "", "", PDF_Sealmark::kNoTimeStamp, 0},
-        TokenCase{"Pkcs7", "R", "", PDF_Sealmark::kRfc3161TimeStamp, 'R'},
-        TokenCase{"OtherBytes", "O", "", PDF_Sealmark::kServiceTimeStamp, 'O'},
-        TokenCase{"LastIsPkcs7", "OR", "", PDF_Sealmark::kRfc3161TimeStamp, 'R'},
-        TokenCase{"LastIsPkcs7Swapped", "RO", "", PDF_Sealmark::kRfc3161TimeStamp, 'R'},
-        TokenCase{"LastIsOther", "RL", "", PDF_Sealmark::kServiceTimeStamp, 'L'},
-        // A /Filter that begins "/PFUP.TimeStamp" decides, whatever the token.
-        TokenCase{"PfuFilter", "R", "/PFUP.TimeStamp", PDF_Sealmark::kPfuFilterTimeStamp, 'R'},
-        TokenCase{"LongerPfuFilter", "O", "/PFUP.TimeStampX", PDF_Sealmark::kPfuFilterTimeStamp, 'O'},
-        TokenCase{"ShorterPfuFilter", "R", "/PFUP.TimeStam", PDF_Sealmark::kRfc3161TimeStamp, 'R'}),
-    nameOf<TokenCase>);
-
-class Encrypted : public ::testing::TestWithParam<std::pair<const char*, const char*>> {};
-
-TEST_P(Encrypted, SignatureReadFromStoredBytesThenDecrypted) {
-  const auto& [file, user] = GetParam();
-  SignOptions o = options();
-  o.documentPassword = user;
-  o.reason = "Approved";
-  const Bytes pdf = sign(input(file), o);
-  for (const char* password : {user, "owner"}) {
-    auto opened = openPdf(pdf, password);
-    PDFSealmarkVerify v;
-    ASSERT_TRUE(opened.doc && v.parse(opened.field("Signature1"))) << opened.error;
-    EXPECT_TRUE(v.verify()) << password;
-    // After parse the signature dictionary holds decrypted strings.
-    PDF_Vellum::PDFObject* reason = v.getSigDict()->getContents("/Reason");
-    ASSERT_NE(reason, nullptr);
-    EXPECT_EQ(std::string(reason->getString(), reason->getLenth()), "Approved");
-  }
-  std::string why;
-  EXPECT_EQ(PDF_Vellum::PDFDocument::openMemory(pdf, "nope", &why), nullptr);
-  EXPECT_EQ(why, "wrong password");
-  if (*user) {
-    EXPECT_EQ(PDF_Vellum::PDFDocument::openMemory(pdf, "", &why), nullptr);
-    EXPECT_EQ(why, "password required");
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Handlers, Encrypted,
-                         ::testing::Values(std::make_pair("two-pages-aes128.pdf", ""),
-                                           std::make_pair("two-pages-aes256.pdf", "user")));
-
-// Two signer infos; the certificate set holds the CA, a version 1
-// certificate, and the two signers, in that order.
-class SignerInfo : public ::testing::Test {
- protected:
-  void SetUp() override {
-    oracle("openssl req -new -key " + pki("signer.key") + " -subj /CN=V1 | openssl x509 -req -CA " +
-           pem("ca") + " -CAkey " + pki("ca.key") + " -set_serial 77 -out " + pki("v1.pem"));
-    pdf_ = openPdf(edited([](PKCS7* p7) {
-      addSigner(p7, "second");
-      setCertificates(p7, {pem("ca"), pki("v1.pem"), pem("signer"), pem("second")});
-    }));
-    ASSERT_TRUE(v_.parse(pdf_.field("Signature1")));
-  }
-  void setSigningTime(int i, int type, const std::string& text) {
-    ASN1_STRING* value = ASN1_STRING_type_new(type);
-    ASN1_STRING_set(value, text.data(), static_cast<int>(text.size()));
-    ASSERT_EQ(
-        PKCS7_add_signed_attribute(signerInfo(v_.getImpl()->pkcs7, i), NID_pkcs9_signingTime, type, value),
-        1);
-  }
-  OpenedPdf pdf_;
-  PDFSealmarkVerify v_;
-};
-
-TEST_F(SignerInfo, Version3CertificatesFirstOncePerSignerInfo) {
   std::vector<PDF_Sealmark::PDFCert> certs;
-  ASSERT_TRUE(v_.getCerts(certs));
   std::vector<std::string> got, want;
+  ASSERT_TRUE(v.parse(opened.field("Signature1")) && v.getCerts(certs) && v.getCerts(certs));  // appends
   for (const auto& c : certs) got.push_back(hashOf(c));
   for (const char* who : {"ca", "signer", "second", "ca", "signer", "second", "v1", "v1"}) {
     want.push_back(sha1Fingerprint(pem(who)));
   }
-  EXPECT_EQ(got, want);
-  // Each is a copy of its own, without key; a second call appends.
-  EXPECT_NE(certs[0].getX509(), certs[3].getX509());
+  want.resize(16);
+  std::copy(want.begin(), want.begin() + 8, want.begin() + 8);
+  EXPECT_EQ(got, want);                               // version 3 first, once per signer info
+  EXPECT_NE(certs[0].getX509(), certs[3].getX509());  // copies of their own, without key
   EXPECT_EQ(certs[0].getPKey(), 0u);
-  ASSERT_TRUE(v_.getCerts(certs));
-  EXPECT_EQ(certs.size(), 2 * want.size());
+
+  EXPECT_EQ(v.getSignedDate(), kSigningTime);
+  auto setTime = [&](int i, int type, const std::string& text) {
+    ASN1_STRING* value = ASN1_STRING_type_new(type);
+    ASN1_STRING_set(value, text.data(), static_cast<int>(text.size()));
+    PKCS7_add_signed_attribute(signerInfo(v.getImpl()->pkcs7, i), NID_pkcs9_signingTime, type, value);
+  };
+  setTime(0, V_ASN1_UTCTIME, "240315120000Z");
+  setTime(1, V_ASN1_PRINTABLESTRING, "20300101000000Z");  // not a time
+  EXPECT_EQ(v.getSignedDate(), "20240315120000Z");
+  setTime(1, V_ASN1_GENERALIZEDTIME, "20300101000000Z");
+  EXPECT_EQ(v.getSignedDate(), "20300101000000Z");
+  setTime(0, V_ASN1_PRINTABLESTRING, "x");
+  setTime(1, V_ASN1_OCTET_STRING, "x");
+  EXPECT_EQ(v.getSignedDate(), "");
 }
 
-TEST_F(SignerInfo, LastSignerInfoWithATimeDecides) {
-  EXPECT_EQ(v_.getSignedDate(), kSigningTime);
-  setSigningTime(0, V_ASN1_UTCTIME, "240315120000Z");
-  setSigningTime(1, V_ASN1_PRINTABLESTRING, "20300101000000Z");  // not a time
-  EXPECT_EQ(v_.getSignedDate(), "20240315120000Z");
-  setSigningTime(1, V_ASN1_GENERALIZEDTIME, "20300101000000Z");
-  EXPECT_EQ(v_.getSignedDate(), "20300101000000Z");
-  setSigningTime(0, V_ASN1_PRINTABLESTRING, "x");
-  setSigningTime(1, V_ASN1_OCTET_STRING, "x");
-  EXPECT_EQ(v_.getSignedDate(), "");
+// Certification signatures by the signer ("P1" to "P3": /P 1 to 3), and
+// /Reference entries written over a reason slot (objects 5 to 7 are those
+// of tests/data/README.md).
+struct PermissionCase {
+  const char *name, *reference;
+  bool found;
+  int permission;
+  bool fieldMdp;
+};
+
+class Permission : public ::testing::TestWithParam<PermissionCase> {};
+
+TEST_P(Permission, ReadFromReference) {
+  const PermissionCase& c = GetParam();
+  SignOptions o = options("Group.B", 100);
+  o.certify = c.reference[0] == 'P' ? c.reference[1] - '0' : 0;
+  Bytes pdf = fields(o);
+  if (!o.certify) pdf = overwrite(pdf, entry(pdf, "/Reason"), c.reference);
+  auto opened = openPdf(pdf);
+  PDFSealmarkVerify v;
+  ASSERT_TRUE(v.parse(opened.field("Group.B"))) << opened.error;
+  auto permission = static_cast<PDF_Folio::PL_VerifyDocPerm>(77);
+  bool fieldMdp = true;
+  EXPECT_EQ(v.getPermission(permission, fieldMdp), c.found);
+  // Without a /Reference array both are left alone.
+  EXPECT_EQ(std::make_pair(static_cast<int>(permission), fieldMdp),
+            c.found ? std::make_pair(c.permission, c.fieldMdp) : std::make_pair(77, true));
 }
+
+const PermissionCase kReferences[] = {
+    {"Certify1", "P1", true, 1, false},
+    {"Certify2", "P2", true, 2, false},
+    {"Certify3", "P3", true, 3, false},
+    {"None", "", false, 0, false},
+    {"NotAnArray", "/Reference << /P 1 >>", false, 0, false},
+    {"Empty", "/Reference []", true, 0, false},
+    {"LastPWins", "/Reference [<</TransformParams<</P 1>>>> <</TransformParams<</P 3>>>>]", true, 3, false},
+    {"FieldMdpWithoutP", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</Action/All>>>>]", true, 0,
+     true},
+    {"PBeatsItsMethod", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P 3>>>>]", true, 3, false},
+    {"FieldMdpStays", "/Reference [<</TransformMethod/FieldMDP>> <</TransformParams<</P 2>>>>]", true, 2,
+     true},
+    {"PNotANumber", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P/Two>>>>]", true, 0, true},
+    {"ArrayByReference", "/Reference 6 0 R", true, 1, false},
+    {"ParamsByReference", "/Reference [<</TransformMethod/DocMDP/TransformParams 5 0 R>>]", true, 3, false},
+    {"ElementsByReferenceAreSkipped", "/Reference [7 0 R]", true, 0, false}};
+
+INSTANTIATE_TEST_SUITE_P(References, Permission, ::testing::ValuesIn(kReferences), nameOf<PermissionCase>);
 
 TEST(Facade, CopiesShareOneStateAndNothingIsKnownBeforeParse) {
   PDFSealmarkVerify a, b;
   std::vector<PDF_Sealmark::PDFCert> certs;
-  std::ostringstream out;
-  EXPECT_FALSE(a.parse(nullptr) || a.getHasSigned() || a.verify() || a.getContents(out) || a.getCerts(certs));
-  EXPECT_FALSE(PDF_Sealmark::collectCerts(nullptr, certs) || a.getPageNum() || !a.getSignedDate().empty());
+  EXPECT_FALSE(a.parse(nullptr) || a.verify() || a.getCerts(certs) ||
+               PDF_Sealmark::collectCerts(nullptr, certs));
   auto opened = openPdf(signedPdf());
   b = a;
-  ASSERT_TRUE(a.parse(opened.field("Signature1")));
-  EXPECT_TRUE(b.getHasSigned());
+  ASSERT_TRUE(a.parse(opened.field("Signature1")) && b.getHasSigned());
   PDFSealmarkVerify c(a);
   b.clear();
   EXPECT_FALSE(a.getHasSigned() || c.getHasSigned() || a.getSigDict());

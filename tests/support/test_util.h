@@ -1,6 +1,7 @@
 // Helpers shared by the library's tests.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,10 +20,8 @@ struct OpenedPdf {
   std::string error;
 
   PDF_Folio::CSigField* field(const std::string& name) const {
-    for (auto* f : fields) {
-      if (f->getName() == name) return f;
-    }
-    return nullptr;
+    auto it = std::find_if(fields.begin(), fields.end(), [&](auto* f) { return f->getName() == name; });
+    return it == fields.end() ? nullptr : *it;
   }
 };
 
@@ -30,8 +29,7 @@ OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password 
 
 struct CommandResult {
   int exitCode = -1;
-  std::string out;  // stdout
-  std::string err;  // stderr
+  std::string out, err;  // stdout, stderr
 };
 // Runs a shell command line and collects its output.
 CommandResult run(const std::string& commandLine);
