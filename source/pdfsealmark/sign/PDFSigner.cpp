@@ -199,16 +199,21 @@ bool PDFSigner::sign(const Bytes& input, Bytes& output, const PDFCert& signer, c
   output.clear();
   initOpenSSLOnce();
   const PDFCertImpl* cert = PDFCertImpl::implOf(signer);
-  if (!cert || !cert->getX509()) {
-    setWhy(why, "no signer certificate");
-    return false;
-  }
-  if (!cert->getPKey()) {
+  // A PKCS#12 file without a key loads its certificates as further ones
+  // only, so ask for the key first: that is what is missing.
+  if (!cert || !cert->getPKey()) {
     setWhy(why, "the certificate has no private key");
     return false;
   }
-  if (X509_check_private_key(cert->getX509(), cert->getPKey()) != 1) {
-    ERR_clear_error();
+  if (!cert->getX509()) {
+    setWhy(why, "no signer certificate");
+    return false;
+  }
+  // -2: the key can't be compared (a token may not give out its public
+  // half); the signature shows then whether it matches.
+  const int match = EVP_PKEY_eq(X509_get0_pubkey(cert->getX509()), cert->getPKey());
+  ERR_clear_error();
+  if (match == 0 || match == -1) {
     setWhy(why, "the private key doesn't belong to the certificate");
     return false;
   }

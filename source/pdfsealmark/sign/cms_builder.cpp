@@ -101,6 +101,9 @@ bool requestToken(const PDFStdTimeStamp& tsa, const unsigned char* data, std::si
     setWhy(why, opensslReason("can't make the time-stamp request"));
     return false;
   }
+  // The client sends the first 8 bytes as the content of a DER INTEGER as
+  // they stand: keep it positive and minimally encoded.
+  nonce[0] = static_cast<unsigned char>((nonce[0] & 0x7f) | 0x01);
   if (!tsa.LeImplementts(token, Bytes(), digest, nonce) || token.empty()) {
     token.clear();
     setWhy(why, "the time-stamp authority gave no token");

@@ -12,7 +12,10 @@ namespace sign {
 
 namespace {
 
-void setWhy(std::string* why, const std::string& text) {
+// One line, whatever qpdf's message holds.
+void setWhy(std::string* why, std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::replace(text.begin(), text.end(), '\r', ' ');
   if (why) *why = text;
 }
 
@@ -118,7 +121,10 @@ bool IncrementalUpdate::open(const Bytes& input, const std::string& password, st
       setWhy(why, "damaged file: no usable /Size in the trailer");
       return false;
     }
-    size_ = static_cast<int>(size.getIntValue());
+    // New objects take numbers from /Size on; a file whose /Size is too
+    // small would have them collide with its own.
+    const std::size_t highest = qpdf_->getObjectCount();
+    size_ = static_cast<int>(std::max<long long>(size.getIntValue(), static_cast<long long>(highest) + 1));
     if (!cipher_.init(*qpdf_, why)) return false;
   } catch (const QPDFExc& e) {
     if (e.getErrorCode() == qpdf_e_password) {

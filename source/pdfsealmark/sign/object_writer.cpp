@@ -97,6 +97,9 @@ bool StringCipher::init(QPDF& qpdf, std::string* why) {
     method_ = QPDF::e_none;
     return true;
   }
+  // qpdf names the methods of crypt filters only; before them (V 1 to 3)
+  // every string is RC4.
+  if (v_ < 4) method_ = QPDF::e_rc4;
   if (method_ == QPDF::e_unknown) {
     if (why) *why = "unsupported string encryption";
     return false;
