@@ -22,6 +22,10 @@ OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password)
   return r;
 }
 
+OpenedPdf openPdfFile(const std::string& path, const std::string& password) {
+  return openPdf(readFile(path), password);
+}
+
 std::string shellQuote(const std::string& s) {
   std::string q = "'";
   for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);

@@ -26,6 +26,7 @@ struct OpenedPdf {
 };
 
 OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password = "");
+OpenedPdf openPdfFile(const std::string& path, const std::string& password = "");
 
 struct CommandResult {
   int exitCode = -1;
