@@ -12,7 +12,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "pdf_builder.h"
+#include "pdfsealmark/PDFCert.h"
+#include "pdfsealmark/PDFSigner.h"
 
 namespace sealbench {
 
@@ -37,10 +38,29 @@ struct Files {
     dir = tmpl;
   }
   ~Files() {
-    for (auto& p : paths) std::remove(p.second.c_str());
-    std::remove(dir.c_str());
+    const std::string rm = "rm -rf '" + dir + "'";
+    if (std::system(rm.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", dir.c_str());
   }
 };
+
+// The signer of the tests' PKI (tests/support/make_pki.sh), made on first use.
+const PDF_Sealmark::PDFCert& signer(const std::string& dir) {
+  static PDF_Sealmark::PDFCert cert = [&] {
+    const std::string make =
+        "'" SEALMARK_SOURCE_DIR "/tests/support/make_pki.sh' '" + dir + "/pki' >/dev/null";
+    if (std::system(make.c_str()) != 0) throw std::runtime_error("make_pki.sh failed");
+    std::ifstream in(dir + "/pki/signer.p12", std::ios::binary);
+    PDF_Sealmark::PDFCert c;
+    if (!c.loadPkcs12(in, "test")) throw std::runtime_error("cannot load signer.p12");
+    return c;
+  }();
+  return cert;
+}
+
+std::vector<unsigned char> readAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 Files& files() {
   static Files f;
@@ -62,7 +82,26 @@ const std::string& signedPdfOfSize(std::size_t bytes) {
   auto it = f.paths.find(bytes);
   if (it != f.paths.end()) return it->second;
   const std::string path = f.dir + "/signed-" + std::to_string(bytes) + ".pdf";
-  sealtest::writeBytes(path, sealtest::PdfBuilder().padding(bytes).sign().build());
+  // The unsigned two-page input, comment lines up to the size asked for,
+  // and again its own startxref and end marker, since readers look for the
+  // last startxref near the end of the file; then the signer's update.
+  // Every byte of the comments is signed.
+  std::vector<unsigned char> input = readAll(SEALMARK_SOURCE_DIR "/tests/data/two-pages.pdf");
+  const std::string text(input.begin(), input.end());
+  const std::string tail = text.substr(text.rfind("startxref"));
+  const std::string line = "%" + std::string(98, 'x') + "\n";
+  while (input.size() + line.size() + tail.size() <= bytes)
+    input.insert(input.end(), line.begin(), line.end());
+  input.insert(input.end(), tail.begin(), tail.end());
+  PDF_Sealmark::PDFSigner::Options options;
+  options.reservedBytes = 8192;
+  std::vector<unsigned char> output;
+  std::string why;
+  if (!PDF_Sealmark::PDFSigner::sign(input, output, signer(f.dir), options, &why)) {
+    throw std::runtime_error("signing failed: " + why);
+  }
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(output.data()), static_cast<std::streamsize>(output.size()));
   return f.paths.emplace(bytes, path).first->second;
 }
 

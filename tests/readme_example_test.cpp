@@ -3,12 +3,12 @@
 
 #include <sstream>
 
-#include "pdf_builder.h"
-#include "support/test_util.h"
+#include "support/mutate.h"
 
 // --- README example begins ---
-#include <iostream>
 #include <pdfsealmark/PDFSealmarkVerify.h>
+
+#include <iostream>
 
 int checkSignatures(const std::string& path, std::ostream& out) {
   std::string why;
@@ -37,10 +37,12 @@ int checkSignatures(const std::string& path, std::ostream& out) {
 
 TEST(ReadmeExample, Runs) {
   sealtest::TempDir dir;
-  sealtest::FieldOptions empty;
-  empty.name = "Later";
-  const auto path = dir.write("a.pdf", sealtest::PdfBuilder().sign().unsignedField(empty).build());
+  const auto path =
+      dir.write("a.pdf", sealtest::sign(sealtest::input("fields.pdf"), sealtest::options("Group.B")));
   std::ostringstream out;
   EXPECT_EQ(checkSignatures(path, out), 0);
-  EXPECT_EQ(out.str(), "Signature1 (page 1): intact\nLater: not signed\n");
+  EXPECT_EQ(out.str(), "A: not signed\nGroup.B (page 2): intact\nGroup.C: not signed\n");
+  const auto tampered = dir.write("b.pdf", sealtest::flip(sealtest::readFile(path), 10));
+  EXPECT_EQ(checkSignatures(tampered, out), 1);
+  EXPECT_EQ(checkSignatures(dir.file("missing.pdf"), out), 2);
 }

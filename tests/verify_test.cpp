@@ -1,409 +1,412 @@
-// Parsing and checking one signature field, over PDFs written by the test
-// builder (tests/support), which signs with OpenSSL independently of the
-// library.
-#include <openssl/pkcs7.h>
-#include <openssl/x509.h>
-
+// One signature field (parse, verify, contents, certificates, signing time,
+// signed revision, permissions) and the revision index, on files signed by
+// PDFSigner and edited as tests/support/mutate.h says.
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
 
-#include <functional>
 #include <sstream>
 
-#include "pdf_builder.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
+#include "pdfsealmark/PDFSealmarkVersion.h"
+#include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
-#include "support/test_util.h"
+#include "pdfsealmark/verify/signer_info.h"
+#include "support/mutate.h"
 
 namespace {
 
+using namespace sealtest;
 using PDF_Sealmark::PDFSealmarkVerify;
-using PDF_Sealmark::PDFSealmarkVerifyImpl;
-using sealtest::Bytes;
-using sealtest::Digest;
-using sealtest::Layout;
-using sealtest::PdfBuilder;
-using sealtest::SignatureOptions;
+using PDF_Sealmark::PDFSealmarkVersion;
+using D = PDF_Sealmark::PDFSigner::Digest;
+using S = PDF_Sealmark::PDFSigner::SubFilter;
+constexpr int kRfc3161 = PDF_Sealmark::kRfc3161TimeStamp, kService = PDF_Sealmark::kServiceTimeStamp,
+              kPfu = PDF_Sealmark::kPfuFilterTimeStamp;
 
-struct Checked {
-  bool parsed = false;
-  bool isSigned = false;
-  bool intact = false;
-  int page = 0;
-};
+const Bytes kNotPkcs7{0x30, 0x03, 0x02, 0x01, 0x05};  // a SEQUENCE, but no ContentInfo
 
-// Opens the file and runs parse and verify on the named field.
-Checked check(const Bytes& pdf, const std::string& field = "Signature1", const std::string& password = "") {
-  auto opened = sealtest::openPdf(pdf, password);
-  EXPECT_TRUE(opened.doc) << opened.error;
-  if (!opened.doc) return {};
-  auto* f = opened.field(field);
-  EXPECT_NE(f, nullptr) << "no field " << field;
-  if (!f) return {};
-  PDFSealmarkVerify v;
-  Checked c;
-  c.parsed = v.parse(f);
-  c.isSigned = v.getHasSigned();
-  c.intact = v.verify();
-  c.page = v.getPageNum();
-  return c;
+Bytes signedPdf(SignOptions o = options(), const std::string& who = "signer") {
+  return sign(input("two-pages.pdf"), o, who);
+}
+Bytes edited(const std::function<void(PKCS7*)>& edit, const char* who = "signer") {
+  return editPkcs7(signedPdf(options(), who), edit);
+}
+std::string pem(const std::string& who) { return pki(who + ".pem"); }
+// The certificate set made of these PKI certificates, in this order.
+Bytes withCerts(const std::string& whom, const char* who = "signer") {
+  std::vector<std::string> files;
+  std::istringstream names(whom);
+  for (std::string name; names >> name;) files.push_back(pem(name));
+  return edited([&](PKCS7* p7) { setCertificates(p7, files); }, who);
+}
+PKCS7_SIGNER_INFO* signerInfo(PKCS7* p7, int i) {
+  return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), i);
+}
+// Two signer infos over the same bytes; the one numbered `bad` spoiled.
+Bytes twoSigners(int bad) {
+  return edited([&](PKCS7* p7) {
+    PKCS7_SIGNER_INFO* second = addSigner(p7, "second");
+    if (bad >= 0) (bad ? second : signerInfo(p7, 0))->enc_digest->data[0] ^= 1;
+  });
+}
+void dropSignerInfo(PKCS7* p7) { PKCS7_SIGNER_INFO_free(sk_PKCS7_SIGNER_INFO_pop(p7->d.sign->signer_info)); }
+// The /Contents of a file signed a second later: same layout, other bytes.
+Bytes swapped(S subFilter) {
+  SignOptions o = options(), later = options();
+  o.subFilter = later.subFilter = subFilter;
+  later.signingTime = "20240315120001Z";
+  return withContents(signedPdf(o), contentsOf(signedPdf(later)));
+}
+// An adbe.pkcs7.sha1 object made by OpenSSL: SHA-256 signs the first `size`
+// bytes of the SHA-384 digest of the signed bytes.
+Bytes embedded(int size) {
+  const Bytes pdf = signedPdf();
+  long a = 0, b = 0, c = 0, d = 0;
+  std::sscanf(entry(pdf, "/ByteRange").c_str(), "/ByteRange [ %ld %ld %ld %ld", &a, &b, &c, &d);
+  Bytes data(pdf.begin() + a, pdf.begin() + a + b), content(EVP_MAX_MD_SIZE);
+  data.insert(data.end(), pdf.begin() + c, pdf.begin() + c + d);
+  EVP_Digest(data.data(), data.size(), content.data(), nullptr, EVP_sha384(), nullptr);
+  const auto id = load(pki("signer.p12"), "test");
+  PDF_Sealmark::ossl::UniquePtr<BIO> in(BIO_new_mem_buf(content.data(), size));
+  PDF_Sealmark::ossl::UniquePtr<PKCS7> p7(PKCS7_sign(reinterpret_cast<X509*>(id.getX509()),
+                                                     reinterpret_cast<EVP_PKEY*>(id.getPKey()), nullptr,
+                                                     in.get(), PKCS7_BINARY | PKCS7_NOSMIMECAP));
+  return withContents(pdf, der(p7.get()));
+}
+Bytes onPage2(bool keepP, bool keepAnnots) {
+  SignOptions o = options();
+  o.page = 2;
+  Bytes pdf = signedPdf(o);
+  if (!keepP) pdf = overwrite(pdf, entry(pdf, "/P"), "");
+  return keepAnnots ? pdf : overwrite(pdf, entry(pdf, "/Annots"), "");
+}
+Bytes fields(SignOptions o = options("Group.B")) { return sign(input("fields.pdf"), o); }
+// Time-stamp tokens as unsigned attributes, one per signer info (two make
+// a second signer info): R a PKCS#7 object, O five bytes that are none, L
+// 40 such bytes (a DER SET puts the longer signer info last).  Then the
+// /Filter, if any, written over the signer's /Filter and /SubFilter.
+Bytes token(char t) {
+  if (t == 'R')
+    return {0x30, 0x0b, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};  // data
+  Bytes large{0x30, 0x26, 0x04, 0x24};
+  large.resize(40);
+  return t == 'L' ? large : kNotPkcs7;
+}
+Bytes stamped(const std::string& tokens, const std::string& filter = "") {
+  Bytes pdf = edited([&](PKCS7* p7) {
+    if (tokens.size() > 1) addSigner(p7, "second");
+    for (std::size_t i = 0; i < tokens.size(); ++i) {
+      ASN1_STRING* value = ASN1_STRING_new();
+      ASN1_STRING_set(value, token(tokens[i]).data(), static_cast<int>(token(tokens[i]).size()));
+      PKCS7_add_attribute(signerInfo(p7, static_cast<int>(i)), NID_id_smime_aa_timeStampToken,
+                          V_ASN1_SEQUENCE, value);
+    }
+  });
+  return filter.empty()
+             ? pdf
+             : overwrite(pdf, entry(pdf, "/Filter") + entry(pdf, "/SubFilter"), "/Filter" + filter);
+}
+template <class T>
+std::string nameOf(const ::testing::TestParamInfo<T>& info) {
+  return info.param.name;
 }
 
-Bytes signedPdf(const SignatureOptions& o) { return PdfBuilder().sign(o).build(); }
-
-SignatureOptions with(const std::function<void(SignatureOptions&)>& f) {
-  SignatureOptions o;
-  f(o);
-  return o;
-}
-
-SignatureOptions withDigest(Digest d, Layout layout = Layout::Detached) {
-  SignatureOptions o;
-  o.digest = d;
-  o.layout = layout;
-  return o;
-}
-
-// --- good signatures --------------------------------------------------------
-
-class GoodSignature : public ::testing::TestWithParam<std::tuple<Digest, Layout, bool>> {};
+class GoodSignature : public ::testing::TestWithParam<std::tuple<D, S, const char*, const char*>> {};
 
 TEST_P(GoodSignature, ParsesAndVerifies) {
-  SignatureOptions o = withDigest(std::get<0>(GetParam()), std::get<1>(GetParam()));
-  o.signedAttributes = std::get<2>(GetParam());
-  const Checked c = check(signedPdf(o));
-  EXPECT_TRUE(c.parsed);
-  EXPECT_TRUE(c.isSigned);
-  EXPECT_TRUE(c.intact);
-  EXPECT_EQ(c.page, 1);
+  const auto& [digest, subFilter, file, who] = GetParam();
+  SignOptions o = options();
+  o.digest = digest;
+  o.subFilter = subFilter;
+  o.page = 2;
+  auto opened = openPdf(sign(input(file), o, who));
+  PDFSealmarkVerify v;
+  ASSERT_EQ(opened.fields.size(), 1u) << opened.error;
+  EXPECT_TRUE(v.parse(opened.fields[0]) && v.getHasSigned() && v.verify() && v.getPageNum() == 2);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllDigests, GoodSignature,
-                         ::testing::Combine(::testing::Values(Digest::Sha1, Digest::Sha256, Digest::Sha384,
-                                                              Digest::Sha512),
-                                            ::testing::Values(Layout::Detached, Layout::EmbeddedSha1),
-                                            ::testing::Bool()));
+INSTANTIATE_TEST_SUITE_P(All, GoodSignature,
+                         ::testing::Combine(::testing::Values(D::kSha1, D::kSha256, D::kSha384, D::kSha512),
+                                            ::testing::Values(S::kPkcs7Detached, S::kCadesDetached,
+                                                              S::kPkcs7Sha1),
+                                            ::testing::Values("two-pages.pdf", "two-pages-xref-stream.pdf"),
+                                            ::testing::Values("signer", "ec-signer")));
 
-// Each row builds a document and says what parse and verify must find on
-// one of its fields.
+// What parse, verify, getContents and getSignedVerPdf find on one field of
+// an odd file.
 struct Outcome {
   const char* name;
   std::function<Bytes()> pdf;
-  bool isSigned;
-  bool intact;
+  bool intact, isSigned = true, parsed = true;
   int page = 1;
   const char* field = "Signature1";
+  int timeStamp = PDF_Sealmark::kNoTimeStamp;  // the kind of token found
 };
 
 class Verdict : public ::testing::TestWithParam<Outcome> {};
 
 TEST_P(Verdict, ParseAndVerify) {
   const Outcome& o = GetParam();
-  const Checked c = check(o.pdf(), o.field);
-  EXPECT_TRUE(c.parsed);
-  EXPECT_EQ(c.isSigned, o.isSigned);
-  EXPECT_EQ(c.intact, o.intact);
-  EXPECT_EQ(c.page, o.page);
-}
-
-SignatureOptions embedded(Digest signerDigest, std::function<void(SignatureOptions&)> more = {}) {
-  SignatureOptions o = withDigest(signerDigest, Layout::EmbeddedSha1);
-  if (more) more(o);
-  return o;
-}
-
-SignatureOptions certs(std::vector<const X509*> list) {
-  SignatureOptions o;
-  o.certificates = std::move(list);
-  return o;
-}
-
-const sealtest::Pki& pki() { return sealtest::defaultPki(); }
-
-SignatureOptions secondSigner(bool overOtherBytes) {
-  SignatureOptions o;
-  o.secondSigner = sealtest::Signer{&pki().secondSigner, nullptr, std::nullopt};
-  o.secondSignerOverOtherBytes = overOtherBytes;
-  return o;
-}
-
-// A SignedData with no signer info at all: nothing could fail.
-Bytes noSignerInfos() {
-  PKCS7* p7 = PKCS7_new();
-  PKCS7_set_type(p7, NID_pkcs7_signed);
-  PKCS7_content_new(p7, NID_pkcs7_data);
-  PKCS7_set_detached(p7, 1);
-  unsigned char* der = nullptr;
-  const int len = i2d_PKCS7(p7, &der);
-  PKCS7_free(p7);
-  SignatureOptions o;
-  o.rawContents = Bytes(der, der + len);
-  OPENSSL_free(der);
-  return signedPdf(o);
-}
-
-
-INSTANTIATE_TEST_SUITE_P(
-    Documents, Verdict,
-    ::testing::Values(
-        // The content's length alone picks the digest of an embedded
-        // signature, whatever the signer info says; 24 bytes match none.
-        Outcome{"EmbeddedSha256UnderSha1", [] { return signedPdf(embedded(Digest::Sha1, [](auto& o) { o.embeddedDigest = Digest::Sha256; })); }, true, true},
-        Outcome{"EmbeddedSha1UnderSha256", [] { return signedPdf(embedded(Digest::Sha256)); }, true, true},
-        Outcome{"Embedded24Bytes", [] { return signedPdf(embedded(Digest::Sha1, [](auto& o) { o.embeddedContent = Bytes(24, 0x5a); })); }, true, false},
-        Outcome{"EmbeddedWrongDigest", [] { return signedPdf(embedded(Digest::Sha1, [](auto& o) { o.embeddedContent = Bytes(20, 0x5a); })); }, true, false},
-        // Any embedded certificate whose key verifies will do.
-        Outcome{"SignerAmongOthers", [] { return signedPdf(certs({pki().ca.cert.get(), pki().unrelated.cert.get(), pki().signer.cert.get()})); }, true, true},
-        Outcome{"SignerCertificateMissing", [] { return signedPdf(certs({pki().ca.cert.get()})); }, true, false},
-        Outcome{"NoCertificates", [] { return signedPdf(certs({})); }, true, false},
-        // Two signer infos must both verify.
-        Outcome{"TwoSigners", [] { return signedPdf(secondSigner(false)); }, true, true},
-        Outcome{"SecondSignerOverOtherBytes", [] { return signedPdf(secondSigner(true)); }, true, false},
-        Outcome{"WrongKey", [] { return signedPdf(with([](auto& o) { o.signer.signingKey = pki().unrelated.key.get(); })); }, true, false},
-        Outcome{"Tampered", [] { return PdfBuilder().sign().tamperPageContent().build(); }, true, false},
-        Outcome{"TamperedEmbedded", [] { return PdfBuilder().sign(embedded(Digest::Sha1)).tamperPageContent().build(); }, true, false},
-        Outcome{"NoSignerInfos", noSignerInfos, true, true},
-        // Later updates don't touch earlier signatures.
-        Outcome{"FirstOfTwoBeforeUpdate", [] { return PdfBuilder().sign().sign(with([](auto& o) { o.name = "Signature2"; })).update().build(); }, true, true},
-        Outcome{"SecondOfTwoBeforeUpdate", [] { return PdfBuilder().sign().sign(with([](auto& o) { o.name = "Signature2"; })).update().build(); }, true, true, 1, "Signature2"},
-        // The page from the widget's /P, else from the page's /Annots, and
-        // through a separate widget kid.
-        Outcome{"PageFromWidget", [] { return PdfBuilder().pages(3).sign(with([](auto& o) { o.page = 1; })).build(); }, true, true, 2},
-        Outcome{"PageFromAnnots", [] { return PdfBuilder().pages(3).sign(with([](auto& o) { o.page = 1; o.pageRef = false; })).build(); }, true, true, 2},
-        Outcome{"PageOfWidgetKid", [] { return PdfBuilder().pages(3).sign(with([](auto& o) { o.page = 2; o.separateWidget = true; })).build(); }, true, true, 3},
-        Outcome{"NestedNameDirectValue", [] { return signedPdf(with([](auto& o) { o.name = "Parent.Child"; o.directValue = true; })); }, true, true, 1, "Parent.Child"}),
-    [](const ::testing::TestParamInfo<Outcome>& info) { return std::string(info.param.name); });
-
-// --- byte ranges ------------------------------------------------------------
-
-TEST(ByteRange, Validity) {
-  using PDF_Sealmark::ByteRange;
-  // Touching ranges, and an empty first range at a non-zero offset, are fine;
-  // overlap, an empty second range, negatives and a second offset of 0 not.
-  for (const auto& [r, valid] : {std::pair<ByteRange, bool>{{0, 100, 100, 50}, true}, {{7, 0, 100, 50}, true},
-                                 {{0, 100, 99, 50}, false}, {{0, 100, 200, 0}, false}, {{-1, 100, 200, 5}, false},
-                                 {{0, -1, 200, 5}, false}, {{0, 0, 0, 5}, false}}) {
-    EXPECT_EQ(r.isValid(), valid) << r.offset1 << " " << r.length1 << " " << r.offset2 << " " << r.length2;
+  const Bytes pdf = o.pdf();
+  auto opened = openPdf(pdf);
+  ASSERT_TRUE(opened.field(o.field)) << opened.error;
+  PDFSealmarkVerify v;
+  std::ostringstream contents, revision;
+  EXPECT_EQ(v.parse(opened.field(o.field)), o.parsed);
+  EXPECT_EQ(v.getHasSigned(), o.isSigned);
+  EXPECT_EQ(v.verify(), o.intact);
+  EXPECT_EQ(v.getPageNum(), o.page);
+  // A field that failed late keeps its signature dictionary; one without a
+  // PKCS#7 object has none.
+  EXPECT_EQ(v.getSigDict() != nullptr, o.isSigned || !o.parsed);
+  EXPECT_EQ(v.getImpl()->tsKind, o.timeStamp);
+  EXPECT_EQ(v.getImpl()->tsPkcs7 != nullptr, o.timeStamp == kRfc3161);
+  // The whole /Contents slot, decoded; the file up to the signature's end.
+  EXPECT_EQ(v.getContents(contents) && v.getSignedVerPdf(revision), o.isSigned);
+  if (o.isSigned && std::string(o.name) != "FirstOfTwo") {
+    EXPECT_EQ(bytes(contents.str()), contentsOf(pdf));
+    EXPECT_EQ(bytes(revision.str()), pdf);
   }
 }
 
-class MalformedByteRange : public ::testing::TestWithParam<std::string> {};
+const Outcome kFiles[] = {
+    {"FlippedByte", [] { return flip(signedPdf(), 10); }, false},
+    {"SwappedContents", [] { return swapped(S::kPkcs7Detached); }, false},
+    {"SwappedEmbedded", [] { return swapped(S::kPkcs7Sha1); }, false},
+    // The content's length alone picks the digest of an embedded
+    // signature, whatever the signer info says; 24 bytes match none.
+    {"EmbeddedSha384UnderSha256", [] { return embedded(48); }, true},
+    {"Embedded24Bytes", [] { return embedded(24); }, false},
+    // Any embedded certificate whose key verifies will do.
+    {"SignerAmongOthers", [] { return withCerts("ca unrelated signer"); }, true},
+    {"SignerCertificateMissing", [] { return withCerts("ca"); }, false},
+    {"NoCertificates", [] { return withCerts(""); }, false},
+    {"AnotherKey", [] { return withCerts("signer", "second"); }, false},
+    // Every signer info must verify; with none, nothing fails.
+    {"TwoSigners", [] { return twoSigners(-1); }, true},
+    {"TwoSignersNewOneBad", [] { return twoSigners(1); }, false},
+    {"TwoSignersOldOneBad", [] { return twoSigners(0); }, false},
+    {"NoSignerInfos", [] { return edited(dropSignerInfo); }, true},
+    // A later signature leaves the earlier one intact.
+    {"FirstOfTwo", [] { return sign(signedPdf(), options("Second")); }, true},
+    {"SecondOfTwo", [] { return sign(signedPdf(), options("Second")); }, true, true, true, 1, "Second"},
+    // The page from the widget's /P, else from the page's /Annots, else
+    // none (the edits are signed bytes).
+    {"PageFromWidget", [] { return onPage2(true, false); }, false, true, true, 2},
+    {"PageFromAnnots", [] { return onPage2(false, true); }, false, true, true, 2},
+    {"NoPage", [] { return onPage2(false, false); }, false, false, false, 0},
+    {"WidgetKidOfNestedField", [] { return fields(); }, true, true, true, 2, "Group.B"},
+    {"UnsignedField", [] { return fields(); }, false, false, true, 1, "A"},
+    {"ContentsNotPkcs7", [] { return withContents(signedPdf(), kNotPkcs7); }, false, false},
+    // The last signer info with a time-stamp token decides its kind; a
+    // /Filter that begins "/PFUP.TimeStamp" decides, whatever the token.
+    {"Pkcs7Token", [] { return stamped("R"); }, true, true, true, 1, "Signature1", kRfc3161},
+    {"OtherToken", [] { return stamped("O"); }, true, true, true, 1, "Signature1", kService},
+    {"LastIsPkcs7", [] { return stamped("OR"); }, true, true, true, 1, "Signature1", kRfc3161},
+    {"LastIsOther", [] { return stamped("RL"); }, true, true, true, 1, "Signature1", kService},
+    {"PfuFilter", [] { return stamped("", "/PFUP.TimeStamp"); }, false, true, true, 1, "Signature1", kPfu},
+    {"PfuX", [] { return stamped("O", "/PFUP.TimeStampX"); }, false, true, true, 1, "Signature1", kPfu},
+    {"PfuShort", [] { return stamped("R", "/PFUP.TimeStam"); }, false, true, true, 1, "Signature1",
+     kRfc3161}};
 
-TEST_P(MalformedByteRange, ReadsAsInvalidAndFailsVerify) {
-  SignatureOptions o;
-  if (GetParam().empty()) {
-    o.omitByteRange = true;
-  } else {
-    o.byteRangeText = GetParam();
-  }
-  auto opened = sealtest::openPdf(signedPdf(o));
-  ASSERT_TRUE(opened.doc) << opened.error;
-  PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
-  long a = 1, b = 1, c = 1, d = 1;
-  v.getSigDict()->getByteRange(a, b, c, d);
-  EXPECT_FALSE((PDF_Sealmark::ByteRange{a, b, c, d}.isValid()));
-  EXPECT_FALSE(v.verify());
-}
+INSTANTIATE_TEST_SUITE_P(Files, Verdict, ::testing::ValuesIn(kFiles), nameOf<Outcome>);
 
-INSTANTIATE_TEST_SUITE_P(Entries, MalformedByteRange,
-                         ::testing::Values("", "[0 10 20]", "[0 10 20 30 40]", "(0 10 20 30)", "[0 10 20 30.5]",
-                                           "[0 10 20 /Thirty]", "[0 10 99999999999 30]", "[0 100 99 50]"));
-
-TEST(Verify, RangePastTheEndOfTheFileFailsWithoutBlindingLaterChecks) {
-  SignatureOptions bad;
-  bad.name = "Broken";
-  bad.byteRangeText = "[0 10 20 2000000000]";
-  SignatureOptions good;
-  good.name = "Good";
-  const Bytes pdf = PdfBuilder().sign(good).sign(bad).build();
-  auto opened = sealtest::openPdf(pdf);
-  ASSERT_TRUE(opened.doc);
-  PDFSealmarkVerify broken, fine;
-  ASSERT_TRUE(broken.parse(opened.field("Broken")));
-  ASSERT_TRUE(fine.parse(opened.field("Good")));
-  EXPECT_FALSE(broken.verify());
-  EXPECT_TRUE(fine.verify());
-}
-
-// --- parse: what the field holds --------------------------------------------
-
-TEST(Parse, UnsignedField) {
-  sealtest::FieldOptions f;
-  f.name = "Empty";
-  auto opened = sealtest::openPdf(PdfBuilder().unsignedField(f).build());
-  ASSERT_TRUE(opened.doc);
-  PDFSealmarkVerify v;
-  EXPECT_TRUE(v.parse(opened.field("Empty")));
-  EXPECT_FALSE(v.getHasSigned());
-  EXPECT_GT(v.getPageNum(), 0);
-  EXPECT_EQ(v.getSigDict(), nullptr);
-  EXPECT_FALSE(v.verify());
-  std::ostringstream out;
-  EXPECT_FALSE(v.getContents(out));
-}
-
-TEST(Parse, ContentsThatAreNotPkcs7LeaveTheFieldUnsigned) {
-  SignatureOptions o;
-  o.rawContents = Bytes{0x30, 0x03, 0x02, 0x01, 0x05};
-  auto opened = sealtest::openPdf(signedPdf(o));
-  ASSERT_TRUE(opened.doc);
-  PDFSealmarkVerify v;
-  EXPECT_TRUE(v.parse(opened.field("Signature1")));
-  EXPECT_FALSE(v.getHasSigned());
-  EXPECT_EQ(v.getSigDict(), nullptr);
-  EXPECT_FALSE(v.verify());
-  EXPECT_EQ(v.getImpl()->tsKind, PDF_Sealmark::kNoTimeStamp);
-}
-
-TEST(Parse, SignatureWithoutAnyPageFailsButKeepsItsData) {
-  SignatureOptions o;
-  o.pageRef = false;
-  o.inAnnots = false;
-  auto opened = sealtest::openPdf(signedPdf(o));
-  ASSERT_TRUE(opened.doc);
-  PDFSealmarkVerify v;
-  EXPECT_FALSE(v.parse(opened.field("Signature1")));
-  EXPECT_FALSE(v.getHasSigned());
-  EXPECT_NE(v.getSigDict(), nullptr);
-  EXPECT_FALSE(v.verify());
-}
-
-TEST(Parse, GetContentsGivesTheWholeHexStringDecoded) {
-  SignatureOptions o;
-  o.contentsCapacity = 9000;
-  PdfBuilder builder;
-  const Bytes pdf = builder.sign(o).build();
-  auto opened = sealtest::openPdf(pdf);
-  PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
-  std::ostringstream out;
-  ASSERT_TRUE(v.getContents(out));
-  const std::string contents = out.str();
-  const Bytes& cms = builder.signatures().at(0).cms;
-  ASSERT_EQ(contents.size(), 9000u);
-  EXPECT_EQ(Bytes(contents.begin(), contents.begin() + static_cast<long>(cms.size())), cms);
-  EXPECT_TRUE(std::all_of(contents.begin() + static_cast<long>(cms.size()), contents.end(),
-                          [](char ch) { return ch == 0; }));
-}
-
-// --- time-stamp tokens ------------------------------------------------------
-
-TEST(TimeStampToken, KindFollowsTheLastSignerInfoThatCarriesOne) {
-  const auto& pki = sealtest::defaultPki();
-  const Bytes realToken = sealtest::pkcs7SignedData(Bytes{1, 2, 3}, pki.ca);
-  const Bytes otherToken = sealtest::nonPkcs7Sequence();
-
-  auto kindOf = [](const Bytes& pdf, Bytes* token = nullptr, bool* tsPkcs7 = nullptr) {
-    auto opened = sealtest::openPdf(pdf);
-    PDFSealmarkVerify v;
-    EXPECT_TRUE(v.parse(opened.field("Signature1")));
-    if (token) *token = v.getImpl()->tsToken;
-    if (tsPkcs7) *tsPkcs7 = v.getImpl()->tsPkcs7 != nullptr;
-    return v.getImpl()->tsKind;
+TEST(ByteRange, ReadFromTheFileAndJudged) {
+  auto check = [](const char* value, bool valid) {
+    // A later signature's range, edited: it must not blind the check of the
+    // earlier one.
+    auto opened = openPdf(withRange(sign(signedPdf(), options("Edited", 100)), value));
+    PDFSealmarkVerify v, earlier;
+    std::ostringstream out;
+    ASSERT_TRUE(v.parse(opened.field("Edited")) && v.getHasSigned()) << value;
+    EXPECT_EQ(PDF_Sealmark::ByteRange::of(*v.getSigDict()).isValid(), valid) << value;
+    EXPECT_FALSE(v.verify() || (!valid && v.getSignedVerPdf(out))) << value;  // none is what was signed
+    EXPECT_TRUE(earlier.parse(opened.field("Signature1")) && earlier.verify()) << value;
   };
-
-  SignatureOptions o;
-  EXPECT_EQ(kindOf(signedPdf(o)), PDF_Sealmark::kNoTimeStamp);
-
-  o.signer.timestampToken = realToken;
-  Bytes token;
-  bool hasPkcs7 = false;
-  EXPECT_EQ(kindOf(signedPdf(o), &token, &hasPkcs7), PDF_Sealmark::kRfc3161TimeStamp);
-  EXPECT_EQ(token, realToken);
-  EXPECT_TRUE(hasPkcs7);
-
-  o.signer.timestampToken = otherToken;
-  EXPECT_EQ(kindOf(signedPdf(o)), PDF_Sealmark::kServiceTimeStamp);
-
-  // One signer info with a PKCS#7 token, one with another kind: the signer
-  // info that stands last in the encoded SET decides.
-  o.signer.timestampToken = realToken;
-  o.secondSigner = sealtest::Signer{&pki.secondSigner, nullptr, otherToken};
-  PdfBuilder builder;
-  const Bytes pdf = builder.sign(o).build();
-  const Bytes& cms = builder.signatures().at(0).cms;
-  const unsigned char* p = cms.data();
-  PKCS7* p7 = d2i_PKCS7(nullptr, &p, static_cast<long>(cms.size()));
-  ASSERT_NE(p7, nullptr);
-  STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(p7);
-  ASSERT_EQ(sk_PKCS7_SIGNER_INFO_num(infos), 2);
-  const ASN1_INTEGER* lastSerial = sk_PKCS7_SIGNER_INFO_value(infos, 1)->issuer_and_serial->serial;
-  const bool secondIsLast = ASN1_INTEGER_cmp(lastSerial, X509_get0_serialNumber(pki.secondSigner.cert.get())) == 0;
-  PKCS7_free(p7);
-  EXPECT_EQ(kindOf(pdf, &token, &hasPkcs7),
-            secondIsLast ? PDF_Sealmark::kServiceTimeStamp : PDF_Sealmark::kRfc3161TimeStamp);
-  EXPECT_EQ(token, secondIsLast ? otherToken : realToken);
-  EXPECT_EQ(hasPkcs7, !secondIsLast);
-
-  // "/PFUP.TimeStamp" as the filter fixes the kind, whatever the token.
-  SignatureOptions pfu;
-  pfu.filter = "PFUP.TimeStamp";
-  pfu.signer.timestampToken = realToken;
-  EXPECT_EQ(kindOf(signedPdf(pfu)), PDF_Sealmark::kPfuFilterTimeStamp);
-  pfu.filter = "PFUP.TimeStampX";  // a longer name that begins so matches too
-  EXPECT_EQ(kindOf(signedPdf(pfu)), PDF_Sealmark::kPfuFilterTimeStamp);
-  pfu.filter = "PFUP.TimeStam";
-  EXPECT_EQ(kindOf(signedPdf(pfu)), PDF_Sealmark::kRfc3161TimeStamp);
+  // Touching ranges, an empty first range at a non-zero offset, a range
+  // past the end of the file: valid, but they fail verify.
+  for (const char* value : {"[0 100 100 50]", "[7 0 100 50]", "[0 10 20 2000000000]"}) check(value, true);
+  // Overlap, an empty second range, negatives, a second offset of 0; none,
+  // too few or many numbers, not an array, not integers, more than a long.
+  for (const char* value :
+       {"[0 100 99 50]", "[0 100 200 0]", "[-1 100 200 5]", "[0 -1 200 5]", "[0 0 0 5]", "", "[0 10 20]",
+        "[0 10 20 30 40]", "(0 10 20 30)", "[0 10 20 30.5]", "[0 10 20 /Thirty]", "[0 10 99999999999 30]"}) {
+    check(value, false);
+  }
 }
 
-// --- encrypted documents ----------------------------------------------------
-
-class Encrypted : public ::testing::TestWithParam<sealtest::Encryption> {};
-
-TEST_P(Encrypted, SignatureReadFromStoredBytesThenDecrypted) {
-  const Bytes emptyUser = PdfBuilder().encrypt("", "owner", GetParam()).sign().build();
-  EXPECT_TRUE(check(emptyUser).intact);
-  EXPECT_TRUE(check(emptyUser, "Signature1", "owner").intact);
-
-  const Bytes withUser = PdfBuilder().encrypt("user", "owner", GetParam()).sign().build();
-  EXPECT_TRUE(check(withUser, "Signature1", "user").intact);
-
-  std::string why;
-  EXPECT_EQ(PDF_Vellum::PDFDocument::openMemory(withUser, "", &why), nullptr);
-  EXPECT_EQ(why, "password required");
-  EXPECT_EQ(PDF_Vellum::PDFDocument::openMemory(withUser, "nope", &why), nullptr);
-  EXPECT_EQ(why, "wrong password");
-
-  // After parse the signature dictionary holds decrypted strings.
-  auto opened = sealtest::openPdf(withUser, "user");
+TEST(SignedRevision, RangePastTheEndIsPaddedWithZeros) {
+  const Bytes pdf = withRange(signedPdf(options("", 100)), "[0 10 20 200000]");
+  auto opened = openPdf(pdf);
   PDFSealmarkVerify v;
-  ASSERT_TRUE(v.parse(opened.field("Signature1")));
-  PDF_Vellum::PDFObject* filter = v.getSigDict()->getContents("/Filter");
-  ASSERT_NE(filter, nullptr);
-  EXPECT_STREQ(filter->getString(), "/Adobe.PPKLite");
+  std::ostringstream out, again;
+  ASSERT_TRUE(v.parse(opened.field("Signature1")) && v.getSignedVerPdf(out));
+  ASSERT_EQ(out.str().size(), 200020u);
+  EXPECT_EQ(out.str().substr(0, pdf.size()), text(pdf));
+  EXPECT_EQ(out.str().find_first_not_of('\0', pdf.size()), std::string::npos);
+  // The stream is usable afterwards.
+  EXPECT_FALSE(v.verify());
+  EXPECT_TRUE(v.getSignedVerPdf(again) && again.str() == out.str());
 }
 
-INSTANTIATE_TEST_SUITE_P(Handlers, Encrypted,
-                         ::testing::Values(sealtest::Encryption::Aes128R4, sealtest::Encryption::Aes256R6));
+TEST(Revisions, EndWhereEachSigningLeftTheFileWithCrLf) {
+  // The input's own "%%EOF\n" ends no revision.
+  const Bytes once = signedPdf(), twice = sign(once, options("Second"));
+  std::unique_ptr<PDFSealmarkVersion> copy;
+  {
+    auto opened = openPdf(twice);
+    PDFSealmarkVersion versions(opened.doc.get());
+    EXPECT_EQ(versions.getEnds(),
+              (std::vector<int>{static_cast<int>(once.size()), static_cast<int>(twice.size())}));
+    EXPECT_EQ(versions.getMaxNum(), 1);
+    std::ostringstream none;
+    EXPECT_FALSE(versions.getPdf(-1, none) || versions.getPdf(2, none) || !none.str().empty());
+    copy = std::make_unique<PDFSealmarkVersion>(versions);
+  }
+  // The copy lives on without the document.
+  for (int n : {0, 1}) {
+    std::ostringstream out;
+    EXPECT_TRUE(copy->getPdf(n, out) && bytes(out.str()) == (n ? twice : once)) << n;
+  }
+  // A file that ends without CR LF: its last update is no revision.
+  auto cut = openPdf(Bytes(twice.begin(), twice.end() - 2));
+  ASSERT_TRUE(cut.doc) << cut.error;
+  EXPECT_EQ(PDFSealmarkVersion(cut.doc.get()).getEnds(), std::vector<int>{static_cast<int>(once.size())});
+  // Markers inside streams or strings count too: the scan sees bytes only.
+  // A line feed alone, or a marker cut off by the end of the file, isn't one.
+  for (const auto& [text, ends] : {std::pair<std::string, std::vector<int>>{"%%EOF\r", {}},
+                                   {"%%EOF\n\r", {}},
+                                   {"%%%EOF\r\nab%%EOF\r\n%%EOF\r", {8, 17}},
+                                   {std::string("stream\n%%EOF\r\nendstream\0%%EOF\r\n", 31), {14, 31}},
+                                   {std::string(100000, '%') + "%%EOF\r\n", {100007}}}) {
+    EXPECT_EQ(PDF_Sealmark::findRevisionEnds(text.data(), text.size()), ends) << text.substr(0, 40);
+  }
+}
 
-// --- the facade -------------------------------------------------------------
+TEST(Encrypted, SignatureReadFromStoredBytesThenDecrypted) {
+  for (const auto& [file, user] :
+       {std::pair<const char*, const char*>{"two-pages-aes128.pdf", ""}, {"two-pages-aes256.pdf", "user"}}) {
+    SignOptions o = options();
+    o.documentPassword = user;
+    o.reason = "Approved";
+    const Bytes pdf = sign(input(file), o);
+    for (const char* password : {user, "owner"}) {
+      auto opened = openPdf(pdf, password);
+      PDFSealmarkVerify v;
+      ASSERT_TRUE(opened.doc && v.parse(opened.field("Signature1"))) << opened.error;
+      EXPECT_TRUE(v.verify()) << file << " " << password;
+      // After parse the signature dictionary holds decrypted strings.
+      PDF_Vellum::PDFObject* reason = v.getSigDict()->getContents("/Reason");
+      EXPECT_EQ(reason ? std::string(reason->getString(), reason->getLenth()) : "", "Approved") << file;
+    }
+    std::string why;
+    EXPECT_FALSE(PDF_Vellum::PDFDocument::openMemory(pdf, "nope", &why));
+    EXPECT_EQ(why, "wrong password");
+    EXPECT_TRUE(!*user ||
+                (!PDF_Vellum::PDFDocument::openMemory(pdf, "", &why) && why == "password required"));
+  }
+}
 
-TEST(Facade, CopiesShareOneImplementation) {
-  auto opened = sealtest::openPdf(PdfBuilder().sign().build());
-  PDFSealmarkVerify a;
-  PDFSealmarkVerify b;
+TEST(SignerInfo, CertificatesInOrderAndTheLastSigningTime) {
+  // Two signer infos; the certificate set holds the CA, a version 1
+  // certificate, and the two signers, in that order.
+  oracle("openssl req -new -key " + pki("signer.key") + " -subj /CN=V1 | openssl x509 -req -CA " + pem("ca") +
+         " -CAkey " + pki("ca.key") + " -set_serial 77 -out " + pem("v1"));
+  auto opened = openPdf(edited([](PKCS7* p7) {
+    addSigner(p7, "second");
+    setCertificates(p7, {pem("ca"), pem("v1"), pem("signer"), pem("second")});
+  }));
+  PDFSealmarkVerify v;
+  std::vector<PDF_Sealmark::PDFCert> certs;
+  std::vector<std::string> got, want;
+  ASSERT_TRUE(v.parse(opened.field("Signature1")) && v.getCerts(certs) && v.getCerts(certs));  // appends
+  for (const auto& c : certs) got.push_back(hashOf(c));
+  for (const char* who : {"ca", "signer", "second", "ca", "signer", "second", "v1", "v1"}) {
+    want.push_back(sha1Fingerprint(pem(who)));
+  }
+  want.resize(16);
+  std::copy(want.begin(), want.begin() + 8, want.begin() + 8);
+  EXPECT_EQ(got, want);                               // version 3 first, once per signer info
+  EXPECT_NE(certs[0].getX509(), certs[3].getX509());  // copies of their own, without key
+  EXPECT_EQ(certs[0].getPKey(), 0u);
+
+  EXPECT_EQ(v.getSignedDate(), kSigningTime);
+  auto setTime = [&](int i, int type, const std::string& text) {
+    ASN1_STRING* value = ASN1_STRING_type_new(type);
+    ASN1_STRING_set(value, text.data(), static_cast<int>(text.size()));
+    PKCS7_add_signed_attribute(signerInfo(v.getImpl()->pkcs7, i), NID_pkcs9_signingTime, type, value);
+  };
+  setTime(0, V_ASN1_UTCTIME, "240315120000Z");
+  setTime(1, V_ASN1_PRINTABLESTRING, "20300101000000Z");  // not a time
+  EXPECT_EQ(v.getSignedDate(), "20240315120000Z");
+  setTime(1, V_ASN1_GENERALIZEDTIME, "20300101000000Z");
+  EXPECT_EQ(v.getSignedDate(), "20300101000000Z");
+  setTime(0, V_ASN1_PRINTABLESTRING, "x");
+  setTime(1, V_ASN1_OCTET_STRING, "x");
+  EXPECT_EQ(v.getSignedDate(), "");
+}
+
+// Certification signatures by the signer ("P1" to "P3": /P 1 to 3), and
+// /Reference entries written over a reason slot (objects 5 to 7 are those
+// of tests/data/README.md).
+struct PermissionCase {
+  const char *name, *reference;
+  bool found;
+  int permission;
+  bool fieldMdp;
+};
+
+class Permission : public ::testing::TestWithParam<PermissionCase> {};
+
+TEST_P(Permission, ReadFromReference) {
+  const PermissionCase& c = GetParam();
+  SignOptions o = options("Group.B", 100);
+  o.certify = c.reference[0] == 'P' ? c.reference[1] - '0' : 0;
+  Bytes pdf = fields(o);
+  if (!o.certify) pdf = overwrite(pdf, entry(pdf, "/Reason"), c.reference);
+  auto opened = openPdf(pdf);
+  PDFSealmarkVerify v;
+  ASSERT_TRUE(v.parse(opened.field("Group.B"))) << opened.error;
+  auto permission = static_cast<PDF_Folio::PL_VerifyDocPerm>(77);
+  bool fieldMdp = true;
+  EXPECT_EQ(v.getPermission(permission, fieldMdp), c.found);
+  // Without a /Reference array both are left alone.
+  EXPECT_EQ(std::make_pair(static_cast<int>(permission), fieldMdp),
+            c.found ? std::make_pair(c.permission, c.fieldMdp) : std::make_pair(77, true));
+}
+
+const PermissionCase kReferences[] = {
+    {"Certify1", "P1", true, 1, false},
+    {"Certify2", "P2", true, 2, false},
+    {"Certify3", "P3", true, 3, false},
+    {"None", "", false, 0, false},
+    {"NotAnArray", "/Reference << /P 1 >>", false, 0, false},
+    {"Empty", "/Reference []", true, 0, false},
+    {"LastPWins", "/Reference [<</TransformParams<</P 1>>>> <</TransformParams<</P 3>>>>]", true, 3, false},
+    {"FieldMdpWithoutP", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</Action/All>>>>]", true, 0,
+     true},
+    {"PBeatsItsMethod", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P 3>>>>]", true, 3, false},
+    {"FieldMdpStays", "/Reference [<</TransformMethod/FieldMDP>> <</TransformParams<</P 2>>>>]", true, 2,
+     true},
+    {"PNotANumber", "/Reference [<</TransformMethod/FieldMDP/TransformParams<</P/Two>>>>]", true, 0, true},
+    {"ArrayByReference", "/Reference 6 0 R", true, 1, false},
+    {"ParamsByReference", "/Reference [<</TransformMethod/DocMDP/TransformParams 5 0 R>>]", true, 3, false},
+    {"ElementsByReferenceAreSkipped", "/Reference [7 0 R]", true, 0, false}};
+
+INSTANTIATE_TEST_SUITE_P(References, Permission, ::testing::ValuesIn(kReferences), nameOf<PermissionCase>);
+
+TEST(Facade, CopiesShareOneStateAndNothingIsKnownBeforeParse) {
+  PDFSealmarkVerify a, b;
+  std::vector<PDF_Sealmark::PDFCert> certs;
+  EXPECT_FALSE(a.parse(nullptr) || a.verify() || a.getCerts(certs) ||
+               PDF_Sealmark::collectCerts(nullptr, certs));
+  auto opened = openPdf(signedPdf());
   b = a;
-  EXPECT_EQ(a.getImpl(), b.getImpl());
-  ASSERT_TRUE(a.parse(opened.field("Signature1")));
-  EXPECT_TRUE(b.getHasSigned());
+  ASSERT_TRUE(a.parse(opened.field("Signature1")) && b.getHasSigned());
   PDFSealmarkVerify c(a);
   b.clear();
-  EXPECT_FALSE(a.getHasSigned());
-  EXPECT_FALSE(c.getHasSigned());
-  EXPECT_EQ(a.getSigDict(), nullptr);
-  b = b;  // self-assignment keeps the object
-  EXPECT_NE(b.getImpl(), nullptr);
-}
-
-TEST(Facade, QuestionsBeforeParse) {
-  PDFSealmarkVerify v;
-  EXPECT_FALSE(v.parse(nullptr));
-  EXPECT_FALSE(v.getHasSigned());
-  EXPECT_FALSE(v.verify());
-  EXPECT_EQ(v.getPageNum(), 0);
-  EXPECT_EQ(v.getDoc(), nullptr);
-  std::ostringstream out;
-  EXPECT_FALSE(v.getContents(out));
+  EXPECT_FALSE(a.getHasSigned() || c.getHasSigned() || a.getSigDict());
 }
 
 }  // namespace

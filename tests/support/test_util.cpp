@@ -1,50 +1,29 @@
 #include "support/test_util.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
-#include <gtest/gtest.h>
-
 namespace sealtest {
 
-PDF_Folio::CSigField* OpenedPdf::field(const std::string& name) const {
-  for (auto* f : fields) {
-    if (f->getName() == name) return f;
-  }
-  return nullptr;
-}
-
-namespace {
-OpenedPdf finish(std::unique_ptr<PDF_Vellum::PDFDocument> doc, std::string error) {
+OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password) {
   OpenedPdf r;
-  r.doc = std::move(doc);
-  r.error = std::move(error);
+  r.doc = PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, &r.error);
   if (r.doc) {
     r.form = std::make_unique<PDF_Folio::CForm>(r.doc.get());
     r.fields = r.form->getSigFields();
   }
   return r;
 }
-}  // namespace
-
-OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password) {
-  std::string why;
-  auto doc = PDF_Vellum::PDFDocument::openMemory(std::move(bytes), password, &why);
-  return finish(std::move(doc), why);
-}
 
 OpenedPdf openPdfFile(const std::string& path, const std::string& password) {
-  std::string why;
-  auto doc = PDF_Vellum::PDFDocument::open(path, password, &why);
-  return finish(std::move(doc), why);
+  return openPdf(readFile(path), password);
 }
 
 std::string shellQuote(const std::string& s) {
@@ -55,17 +34,14 @@ std::string shellQuote(const std::string& s) {
 
 CommandResult run(const std::string& commandLine) {
   TempDir dir;
-  const std::string errFile = dir.file("stderr");
   CommandResult r;
-  FILE* pipe = ::popen((commandLine + " 2>" + shellQuote(errFile)).c_str(), "r");
+  FILE* pipe = ::popen((commandLine + " 2>" + shellQuote(dir.file("stderr"))).c_str(), "r");
   if (!pipe) throw std::runtime_error("popen failed");
   char buf[4096];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) r.out.append(buf, n);
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
   const int status = ::pclose(pipe);
   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  const auto err = readFile(errFile);
-  r.err.assign(err.begin(), err.end());
+  r.err = text(readFile(dir.file("stderr")));
   return r;
 }
 
@@ -76,8 +52,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  const std::string cmd = "rm -rf " + shellQuote(path_);
-  if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", path_.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
 }
 
 std::string TempDir::write(const std::string& name, const std::vector<unsigned char>& bytes) const {
@@ -95,12 +71,9 @@ std::vector<unsigned char> readFile(const std::string& path) {
 
 Bytes hex(const std::string& digits) {
   Bytes b;
-  for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-    if (digits[i] == ' ') {
-      --i;
-      continue;
-    }
-    b.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  for (std::size_t i = 0; i + 1 < digits.size(); i += digits[i] == ' ' ? 1 : 2) {
+    if (digits[i] != ' ')
+      b.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
   }
   return b;
 }
@@ -121,10 +94,8 @@ std::string python(const std::string& expression) {
 std::string sha1Fingerprint(const std::string& certFile, bool der) {
   const std::string printed = oracle(std::string("openssl x509 -noout -fingerprint -sha1 ") +
                                      (der ? "-inform DER " : "") + "-in " + shellQuote(certFile));
-  std::string hex;
-  for (char c : printed.substr(printed.find('=') + 1)) {
-    if (c != ':') hex += c;
-  }
+  std::string hex = printed.substr(printed.find('=') + 1);
+  hex.erase(std::remove(hex.begin(), hex.end(), ':'), hex.end());
   return hex;
 }
 
@@ -134,30 +105,15 @@ std::string hashOf(const PDF_Sealmark::PDFCert& cert) {
   return hex;
 }
 
-namespace {
-void collectPdfs(const std::string& dir, const std::string& rel, std::vector<std::string>& out) {
-  DIR* d = opendir(dir.c_str());
-  if (!d) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    const std::string relPath = rel.empty() ? name : rel + "/" + name;
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      collectPdfs(path, relPath, out);
-    } else if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdf") == 0) {
-      out.push_back(relPath);
-    }
-  }
-  closedir(d);
-}
-}  // namespace
-
 std::vector<std::string> listPdfs(const std::string& dir) {
   std::vector<std::string> out;
-  collectPdfs(dir, "", out);
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(dir, error), end; !error && it != end;
+       it.increment(error)) {
+    if (it->is_regular_file() && it->path().extension() == ".pdf") {
+      out.push_back(std::filesystem::relative(it->path(), dir).string());
+    }
+  }
   std::sort(out.begin(), out.end());
   return out;
 }

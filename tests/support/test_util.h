@@ -1,6 +1,7 @@
 // Helpers shared by the library's tests.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,7 +19,10 @@ struct OpenedPdf {
   std::vector<PDF_Folio::CSigField*> fields;
   std::string error;
 
-  PDF_Folio::CSigField* field(const std::string& name) const;
+  PDF_Folio::CSigField* field(const std::string& name) const {
+    auto it = std::find_if(fields.begin(), fields.end(), [&](auto* f) { return f->getName() == name; });
+    return it == fields.end() ? nullptr : *it;
+  }
 };
 
 OpenedPdf openPdf(std::vector<unsigned char> bytes, const std::string& password = "");
@@ -26,8 +30,7 @@ OpenedPdf openPdfFile(const std::string& path, const std::string& password = "")
 
 struct CommandResult {
   int exitCode = -1;
-  std::string out;  // stdout
-  std::string err;  // stderr
+  std::string out, err;  // stdout, stderr
 };
 // Runs a shell command line and collects its output.
 CommandResult run(const std::string& commandLine);
