@@ -29,16 +29,17 @@ const TempDir& files() {
     dir.write("notes.txt", bytes("hi\n"));
     certified.certify = 2;
     dir.write("certified.pdf", sign(input("fields.pdf"), certified));
-    // A document time stamp whose token would fail as a signature, then a
-    // signature that fails: only the signature decides the exit code.
+    // A signature relabelled as a document time stamp: its /Contents holds
+    // no time-stamp token, so it fails and decides the exit code.
     Bytes stamp = sign(input("two-pages.pdf"), options("Stamp"));
     stamp = overwrite(stamp, entry(stamp, "/SubFilter"), "/SubFilter /ETSI.RFC3161");
     dir.write("stamp-only.pdf", flip(stamp, 10));
     dir.write("stamped.pdf", flip(sign(stamp), 10));
-    // A certificate with the signer's key and a Japanese name, after the CA.
+    // A certificate with the signer's key, issuer and serial and a Japanese
+    // name, after the CA: the signer info names it.
     oracle("openssl req -new -utf8 -key " + pki("signer.key") + " -subj " + shellQuote("/CN=" + kYamada) +
-           " | openssl x509 -req -CA " + pki("ca.pem") + " -CAkey " + pki("ca.key") +
-           " -set_serial 0x1234567 -out " + dir.file("yamada.pem"));
+           " | openssl x509 -req -CA " + pki("ca.pem") + " -CAkey " + pki("ca.key") + " -set_serial 2 -out " +
+           dir.file("yamada.pem"));
     dir.write("yamada.pdf", editPkcs7(sign(input("two-pages.pdf")), [](PKCS7* p7) {
                 setCertificates(p7, {pki("ca.pem"), dir.file("yamada.pem")});
               }));
@@ -63,31 +64,32 @@ std::string jsonQuery(const std::string& args, const std::string& expression) {
 
 TEST(Cli, JsonKeys) {
   const Bytes good = readFile(files().file("good.pdf"));
-  const std::string end0 = std::to_string(text(good).find("%%EOF\r\n") + 7),
+  // The unsigned input ends "%%EOF" LF: readers count it as revision 0.
+  const std::string base = std::to_string(text(good).find("%%EOF\n") + 6),
+                    end1 = std::to_string(text(good).find("%%EOF\r\n") + 7),
                     size = std::to_string(good.size());
   for (const auto& [args, expression, expected] :
        std::vector<std::tuple<std::string, std::string, std::string>>{
-           {"verify --json good.pdf", "(d['file'], d['revisions'])", "('good.pdf', 2)"},
+           {"verify --json good.pdf", "(d['file'], d['revisions'])", "('good.pdf', 3)"},
            {"verify --json good.pdf",
             "t('field', 'page', 'filter', 'signed', 'kind', 'intact', 'revision', 'covers_whole_document', "
             "'permission', 'signing_time')",
-            "[('Signature1', 1, '/Adobe.PPKLite', True, 'signature', True, 0, False, None, "
+            "[('Signature1', 1, '/Adobe.PPKLite', True, 'signature', True, 1, False, None, "
             "'20240315120000Z'), "
-            "('Approval', 2, '/Adobe.PPKLite', True, 'signature', True, 1, True, None, '20240315120000Z')]"},
+            "('Approval', 2, '/Adobe.PPKLite', True, 'signature', True, 2, True, None, '20240315120000Z')]"},
            {"verify --json certified.pdf", "t('field', 'signed', 'intact', 'revision', 'permission')",
-            "[('A', False, None, None, None), ('Group.B', True, True, 0, {'P': 2, 'field_mdp': False}), "
+            "[('A', False, None, None, None), ('Group.B', True, True, 1, {'P': 2, 'field_mdp': False}), "
             "('Group.C', False, None, None, None)]"},
            {"verify --json stamped.pdf", "t('field', 'kind', 'intact')",
-            "[('Stamp', 'document_timestamp', None), ('Signature1', 'signature', False)]"},
-           // The signer is the certificate that issued no other, whatever the order.
+            "[('Stamp', 'document_timestamp', False), ('Signature1', 'signature', False)]"},
+           // The signer is the certificate the signer info names, whatever the order.
            {"verify --json yamada.pdf",
             "[(len(c), i, [a[1] for a in c[i]['subject']], c[i]['serial'], c[i]['sha1']) for c, i in "
             "t('certificates', 'signer')]",
-            "[(2, 1, ['" + kYamada + "'], '01234567', '" + sha1Fingerprint(files().file("yamada.pem")) +
-                "')]"},
+            "[(2, 1, ['" + kYamada + "'], '02', '" + sha1Fingerprint(files().file("yamada.pem")) + "')]"},
            {"revisions --json good.pdf",
             "[(v['revision'], v['end'], v['signed_by']) for v in d['revisions']]",
-            "[(0, " + end0 + ", ['Signature1']), (1, " + size + ", ['Approval'])]"},
+            "[(0, " + base + ", []), (1, " + end1 + ", ['Signature1']), (2, " + size + ", ['Approval'])]"},
            {"revisions --json good.pdf", "d['size']", size}}) {
     EXPECT_EQ(jsonQuery(args, expression), expected + "\n") << args;
   }
@@ -100,10 +102,10 @@ TEST(Cli, ExitCodesTablesAndMessages) {
     std::string out, err;  // found in stdout and stderr
   };
   for (const Case& c : std::vector<Case>{
-           {"verify good.pdf", 0, "good.pdf: 2 revisions, 2 signature fields", ""},
+           {"verify good.pdf", 0, "good.pdf: 3 revisions, 2 signature fields", ""},
            {"verify yamada.pdf", 0, kYamada, ""},
            {"verify tampered.pdf", 1, "  NO  ", ""},
-           {"verify stamp-only.pdf", 0, "time stamp, not checked", ""},
+           {"verify stamp-only.pdf", 1, "  NO  ", ""},
            {"verify certified.pdf", 0, "form filling", ""},
            {"verify good.pdf tampered.pdf", 1, "", ""},  // one bad file fails the run
            {"verify notes.txt", 2, "", "sealmark: notes.txt: not a PDF file\n"},
@@ -112,8 +114,8 @@ TEST(Cli, ExitCodesTablesAndMessages) {
            {"verify --password user locked.pdf", 0, "", ""},
            {"verify good.pdf --extract-signed Nope --output out.pdf", 2, "", "Nope"},
            {"verify good.pdf --extract-signed Signature1", 2, "", "--output"},
-           {"revisions good.pdf", 0, "2 revisions", ""},
-           {"revisions good.pdf --extract 2 --output out.pdf", 2, "", "no revision"},
+           {"revisions good.pdf", 0, "3 revisions", ""},
+           {"revisions good.pdf --extract 3 --output out.pdf", 2, "", "no revision"},
            {"revisions good.pdf --extract -1 --output out.pdf", 2, "", "no revision"},
            {"revisions good.pdf --extract 1x --output out.pdf", 2, "", "no revision"},
            {"verify", 2, "", ""},
@@ -131,10 +133,10 @@ TEST(Cli, ExitCodesTablesAndMessages) {
   }
 }
 
-TEST(Cli, ExtractTheSignedRevisionAndRevisionZero) {
+TEST(Cli, ExtractTheSignedRevision) {
   const Bytes whole = readFile(files().file("good.pdf"));
   EXPECT_EQ(inFiles("verify good.pdf --extract-signed Signature1 --output a.pdf").exitCode, 0);
-  EXPECT_EQ(inFiles("revisions good.pdf --extract 0 --output b.pdf").exitCode, 0);
+  EXPECT_EQ(inFiles("revisions good.pdf --extract 1 --output b.pdf").exitCode, 0);
   const Bytes signedPart = readFile(files().file("a.pdf"));
   EXPECT_EQ(signedPart,
             Bytes(whole.begin(), whole.begin() + static_cast<long>(text(whole).find("%%EOF\r\n") + 7)));
@@ -156,8 +158,12 @@ std::map<std::string, char> verdicts(const std::string& commandLine) {
 // Files or fields where the two tools differ on purpose.  Key: the path
 // below the corpus, or "path#field" for one field.
 const std::map<std::string, std::string> kDeliberate = {
-    {"dss/validation/Signature-P-DE_SCI-4.pdf",
-     "RSASSA-PSS: OpenSSL's PKCS#7 signer-info check uses PKCS#1 v1.5 padding, so PSS signatures fail"},
+    {"pyhanko/ed448-shake256-nolen.pdf", "Ed448 with SHAKE256: pdfsig can't check it, we do through EVP"},
+    {"pyhanko/extensions-indirect-not-all-paths.pdf#Sig2", "Ed25519: pdfsig can't check it, we do"},
+    {"dss/validation/dss-PLAIN-ECDSA/TeleSec_PKS_eIDAS_QES_CA_1-baseline-b.pdf#Signature3",
+     "plain (r||s) ECDSA on brainpoolP256r1: pdfsig fails, we verify it (its source project says valid)"},
+    {"dss/validation/BadEncodedCMS.pdf",
+     "pdfsig calls a /Contents that is no PKCS#7 object unsigned; to us a broken signature is not intact"},
     {"dss/validation/dss-1420/PAdES-BpB-att-SHA256-SHA3_256withRSA.pdf",
      "a valid RSA signature over the SHA-256 attributes: we check the key, not the SHA3 algorithm name"},
     {"dss/validation/pades-unsupported-signature-algorithm.pdf",
@@ -207,7 +213,7 @@ TEST(Cli, AgreesWithPdfsigOnTheSharedCorpus) {
   int compared = 0;
   for (const auto& rel : files) compared += compareFile(SEALMARK_CORPUS_DIR "/" + rel, rel);
   // The corpus has over a hundred signatures; most must be compared.
-  EXPECT_GT(compared, 80);
+  EXPECT_GT(compared, 75);
 }
 
 }  // namespace

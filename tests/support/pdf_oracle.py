@@ -2,7 +2,7 @@
 # Checks `sealmark verify --json` against an independent reading of each signed PDF's raw bytes.
 # Usage: pdf_oracle.py SEALMARK DIR   Reads every PDF below DIR; prints what differs, and how often a key
 # was compared when that is too seldom to mean anything.
-# Revision markers and /ByteRange arrays come from a regular-expression scan (superseded dictionaries
+# Revision markers ("%%EOF" then CR LF, LF, CR or the end) and /ByteRange arrays come from a regular-expression scan (superseded dictionaries
 # too); the signing time from `openssl cms -cmsout -print` of the /Contents next to the /ByteRange;
 # /P from a DocMDP /TransformParams in the same dictionary text.
 import collections, glob, json, re, subprocess, sys, time
@@ -35,7 +35,7 @@ for path in sorted(glob.glob(sys.argv[2] + '/**/*.pdf', recursive=True)):
     if run.returncode == 2:
         continue  # not opened: nothing to compare
     ours, data = json.loads(run.stdout), open(path, 'rb').read()
-    ends = [m.end() for m in re.finditer(rb'%%EOF\r\n', data)]
+    ends = [m.end() for m in re.finditer(rb'%%EOF(?:\r\n|\r|\n|\Z)', data)]
     check(path, 'revisions', ours['revisions'], len(ends))
     for s in (s for s in ours['signatures'] if s['signed'] and s['byte_range']):
         # The latest dictionary in the file with the same byte range.
@@ -44,12 +44,14 @@ for path in sorted(glob.glob(sys.argv[2] + '/**/*.pdf', recursive=True)):
             continue
         end = s['byte_range'][2] + s['byte_range'][3]
         check(path, 'revision', s['revision'], ends.index(end) if end in ends else None)
-        check(path, 'covers_whole_document', s['covers_whole_document'], end == len(data))
+        o1, l1, o2 = s['byte_range'][:3]
+        gap = re.fullmatch(rb'<[0-9A-Fa-f\s]*>', data[o1 + l1:o2])
+        check(path, 'covers_whole_document', s['covers_whole_document'], o1 == 0 and bool(gap) and end == len(data))
         # The indirect object around the latest /ByteRange with these numbers: from its "obj" to its "endobj".
         lo, hi = data.rfind(b' obj', 0, found[-1].start()), data.find(b'endobj', found[-1].end())
         text = data[max(lo, 0):hi if hi >= 0 else len(data)]
         contents, p = CONTENTS.search(text), P_VALUE.search(text)
-        if contents and (when := signing_time(contents[1])):
+        if contents and s['certificates'] and (when := signing_time(contents[1])):
             check(path, 'signing_time', s['signing_time'], when)
         if p:
             check(path, 'P', s['permission'] and s['permission']['P'], int(p[1]))

@@ -333,6 +333,8 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   s.kind = PDFDocumentCheck::Kind::kSignature;
   s.intact = 0;
   PDFAcroform sigDict(dict, &doc);
+  PDF_Folio::PL_VerifyDocPerm p = PDF_Folio::PL_VERIFY_PERM_NONE;
+  if (readPermission(dict.get(), &doc, p, s.fieldMdp)) s.permission = static_cast<int>(p);
   s.filter = stringOf(sigDict.getContents("/Filter"));
   s.subFilter = stringOf(sigDict.getContents("/SubFilter"));
   if (s.subFilter == "/ETSI.RFC3161") s.kind = PDFDocumentCheck::Kind::kDocumentTimeStamp;
@@ -342,8 +344,6 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   if (v.pkcs7 && v.sigDict) {
     job.p7 = v.pkcs7;
     s.signingTime = v.getSignedDate();
-    PDF_Folio::PL_VerifyDocPerm p = PDF_Folio::PL_VERIFY_PERM_NONE;
-    if (v.getPermission(p, s.fieldMdp)) s.permission = static_cast<int>(p);
   } else if (s.subFilter == "/adbe.x509.rsa_sha1") {
     job.rsaSha1 = true;
     readCertStrings(sigDict.getContents("/Cert"), job);

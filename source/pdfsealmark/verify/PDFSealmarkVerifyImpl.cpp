@@ -1,5 +1,8 @@
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
 
+#include <openssl/evp.h>
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
@@ -7,9 +10,6 @@
 #include <istream>
 #include <memory>
 #include <new>
-
-#include <openssl/evp.h>
-#include <sys/mman.h>
 
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
@@ -114,7 +114,6 @@ STACK_OF(X509) * certificatesOf(PKCS7* p7) {
   return nullptr;
 }
 
-
 }  // namespace
 
 bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) {
@@ -127,11 +126,20 @@ bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) 
   if (!content) return false;
   const char* name = nullptr;
   switch (ASN1_STRING_length(content)) {
-    case 20: name = "sha1"; break;
-    case 32: name = "sha256"; break;
-    case 48: name = "sha384"; break;
-    case 64: name = "sha512"; break;
-    default: return false;
+    case 20:
+      name = "sha1";
+      break;
+    case 32:
+      name = "sha256";
+      break;
+    case 48:
+      name = "sha384";
+      break;
+    case 64:
+      name = "sha512";
+      break;
+    default:
+      return false;
   }
   const EVP_MD* md = EVP_get_digestbyname(name);
   if (!md) return false;

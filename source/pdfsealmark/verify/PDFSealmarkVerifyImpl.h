@@ -2,12 +2,12 @@
 #ifndef PDFSEALMARK_VERIFY_PDFSEALMARKVERIFYIMPL_H
 #define PDFSEALMARK_VERIFY_PDFSEALMARKVERIFYIMPL_H
 
+#include <openssl/pkcs7.h>
+
 #include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include <openssl/pkcs7.h>
 
 #include "pdfsealmark/PDFCert.h"
 #include "pdfsealmark/outside/PDFFolio.h"
@@ -52,7 +52,7 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
   bool verify() const;
   bool getContents(std::ostream& out) const;
   bool getCerts(std::vector<PDFCert>& certs) const;  // signer_info.cpp
-  std::string getSignedDate() const;                  // signer_info.cpp
+  std::string getSignedDate() const;                 // signer_info.cpp
   bool getSignedVerPdf(std::ostream& out) const;
   bool getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const;
   // The field's page as parse finds it; needs acroform and doc.
@@ -76,6 +76,12 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
  private:
   void findTimeStampToken();
 };
+
+// What the /Reference transforms of a signature dictionary permit: /P of
+// the last one with /TransformParams, and whether one is a FieldMDP.  False
+// without a /Reference array.
+bool readPermission(PDF_Vellum::PDFDictionary* sigDict, PDF_Vellum::PDFDocument* doc,
+                    PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp);
 
 // An embedded (adbe.pkcs7.sha1) signature carries the digest of the signed
 // bytes as its content.  The content's length alone picks the algorithm.

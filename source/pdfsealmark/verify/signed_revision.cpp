@@ -41,6 +41,11 @@ bool PDFSealmarkVerifyImpl::getSignedVerPdf(std::ostream& out) const {
 bool PDFSealmarkVerifyImpl::getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const {
   if (!hasParsed || !sigDict) return false;
   PDFSmartPtr<PDFDictionary> dict = sigDict->getAcroformDic();
+  return readPermission(dict.get(), doc, permission, isFieldMdp);
+}
+
+bool readPermission(PDF_Vellum::PDFDictionary* dict, PDF_Vellum::PDFDocument* doc,
+                    PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) {
   if (!dict) return false;
   PDFSmartPtr<PDFArray> references(dict->getParsedValueOf(doc, PDFName("/Reference")));
   if (!references) return false;
