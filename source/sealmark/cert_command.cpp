@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "args.h"
+#include "cert_report.h"
 #include "commands.h"
 #include "output.h"
-#include "cert_report.h"
-#include "revocation_urls.h"
 #include "pdfsealmark/PDFCert.h"
+#include "revocation_urls.h"
 
 namespace sealmark {
 
@@ -40,17 +40,13 @@ struct CertOptions {
   std::string file;
 };
 
-void printJson(const std::string& file, const CertReport& r, const RevocationUrls& urls, std::ostream& out) {
-  JsonWriter json(out);
-  json.beginObject().key("file").value(file);
-  writeCertFields(json, r);
-  for (const auto& list : {std::make_pair("crl_urls", &urls.crl), std::make_pair("ocsp_urls", &urls.ocsp)}) {
-    json.key(list.first).beginArray();
-    for (const std::string& url : *list.second) json.value(url);
-    json.endArray();
-  }
-  json.endObject();
-  out << "\n";
+void printCertJson(const std::string& file, const CertReport& r, const RevocationUrls& urls,
+                   std::ostream& out) {
+  Json json{{"file", file}};
+  json.update(certJson(r));
+  json["crl_urls"] = urls.crl;
+  json["ocsp_urls"] = urls.ocsp;
+  printJson(out, json);
 }
 
 void printText(const std::string& file, const CertReport& r, const RevocationUrls& urls, std::ostream& out) {
@@ -140,7 +136,7 @@ int runCert(const Args& args) {
   }
   const CertReport report = describe(cert);
   if (opts.json) {
-    printJson(opts.file, report, revocationUrls(cert), std::cout);
+    printCertJson(opts.file, report, revocationUrls(cert), std::cout);
   } else {
     printText(opts.file, report, revocationUrls(cert), std::cout);
   }

@@ -41,7 +41,8 @@ std::string utf8Value(const X509_NAME* name, std::size_t index, const std::strin
 }
 
 std::vector<Attribute> attributes(const PDF_Sealmark::PDFCert& cert, const X509_NAME* name,
-                                  const std::vector<std::string>& oids, const std::vector<std::string>& values) {
+                                  const std::vector<std::string>& oids,
+                                  const std::vector<std::string>& values) {
   std::vector<Attribute> out;
   for (std::size_t i = 0; i < oids.size() && i < values.size(); ++i) {
     std::string shortName, longName;
@@ -52,10 +53,10 @@ std::vector<Attribute> attributes(const PDF_Sealmark::PDFCert& cert, const X509_
   return out;
 }
 
-void writeName(JsonWriter& json, const std::vector<Attribute>& name) {
-  json.beginArray();
-  for (const Attribute& a : name) json.beginArray().value(a.oid).value(a.value).endArray();
-  json.endArray();
+Json nameJson(const std::vector<Attribute>& name) {
+  Json list = Json::array();
+  for (const Attribute& a : name) list.push_back(Json::array({a.oid, a.value}));
+  return list;
 }
 
 }  // namespace
@@ -85,25 +86,17 @@ CertReport describe(const PDF_Sealmark::PDFCert& cert) {
   return r;
 }
 
-void writeCertFields(JsonWriter& json, const CertReport& r) {
-  json.key("version").value(r.version).key("subject");
-  writeName(json, r.subject);
-  json.key("issuer");
-  writeName(json, r.issuer);
-  json.key("serial").value(r.serial)
-      .key("sha1").value(r.sha1)
-      .key("not_before").value(r.notBefore)
-      .key("not_after").value(r.notAfter)
-      .key("key_algorithm").value(r.keyAlgorithm)
-      .key("signature_algorithm").value(r.signatureAlgorithm)
-      .key("key_usage");
-  if (r.keyUsage) {
-    json.beginArray();
-    for (const std::string& u : *r.keyUsage) json.value(u);
-    json.endArray();
-  } else {
-    json.null();
-  }
+Json certJson(const CertReport& r) {
+  return Json{{"version", r.version},
+              {"subject", nameJson(r.subject)},
+              {"issuer", nameJson(r.issuer)},
+              {"serial", r.serial},
+              {"sha1", r.sha1},
+              {"not_before", r.notBefore},
+              {"not_after", r.notAfter},
+              {"key_algorithm", r.keyAlgorithm},
+              {"signature_algorithm", r.signatureAlgorithm},
+              {"key_usage", orNull(r.keyUsage)}};
 }
 
 std::string attributeValue(const std::vector<Attribute>& name, const std::string& oid) {

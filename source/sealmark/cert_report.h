@@ -28,7 +28,7 @@ struct CertReport {
 CertReport describe(const PDF_Sealmark::PDFCert& cert);
 
 // Writes the certificate's keys into the JSON object being written.
-void writeCertFields(JsonWriter& json, const CertReport& r);
+Json certJson(const CertReport& r);
 
 // The value of the first attribute with this oid ("2.5.4.3" for the common
 // name), or empty.

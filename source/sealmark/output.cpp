@@ -1,5 +1,8 @@
 #include "output.h"
 
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -9,154 +12,30 @@ namespace sealmark {
 
 namespace {
 
-// Length of the UTF-8 sequence starting at s[i], or 0 when it isn't one
-// (overlong forms, surrogates and values past U+10FFFF are refused).
-std::size_t utf8SequenceLength(const std::string& s, std::size_t i) {
-  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char c = byte(i);
-  if (c < 0x80) return 1;
-  std::size_t len = 0;
-  std::uint32_t cp = 0;
-  if ((c & 0xE0) == 0xC0) {
-    len = 2;
-    cp = c & 0x1F;
-  } else if ((c & 0xF0) == 0xE0) {
-    len = 3;
-    cp = c & 0x0F;
-  } else if ((c & 0xF8) == 0xF0) {
-    len = 4;
-    cp = c & 0x07;
-  } else {
-    return 0;
-  }
-  if (i + len > s.size()) return 0;
-  for (std::size_t k = 1; k < len; ++k) {
-    if ((byte(i + k) & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (byte(i + k) & 0x3F);
-  }
-  static const std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-  if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  return len;
-}
-
+// Columns a terminal gives the text.
 std::size_t displayWidth(const std::string& s) {
-  std::size_t n = 0;
-  for (unsigned char c : s) n += (c & 0xC0) != 0x80;
-  return n;
+  const icu::UnicodeString text = icu::UnicodeString::fromUTF8(s);
+  std::size_t width = 0;
+  for (int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    const UChar32 c = text.char32At(i);
+    const auto category = u_charType(c);
+    if (category == U_NON_SPACING_MARK || category == U_ENCLOSING_MARK || category == U_FORMAT_CHAR) continue;
+    const auto eastAsian = u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
+    width += eastAsian == U_EA_WIDE || eastAsian == U_EA_FULLWIDTH ? 2 : 1;
+  }
+  return width;
 }
 
 }  // namespace
 
 std::string toValidUtf8(const std::string& bytes) {
+  // fromUTF8 puts U+FFFD for every ill-formed sequence.
   std::string out;
-  out.reserve(bytes.size());
-  for (std::size_t i = 0; i < bytes.size();) {
-    const std::size_t len = utf8SequenceLength(bytes, i);
-    if (len == 0) {
-      out += "\xEF\xBF\xBD";
-      ++i;
-    } else {
-      out.append(bytes, i, len);
-      i += len;
-    }
-  }
-  return out;
+  return icu::UnicodeString::fromUTF8(bytes).toUTF8String(out);
 }
 
-void JsonWriter::separate() {
-  if (afterKey_) {
-    afterKey_ = false;
-    return;
-  }
-  if (!first_.empty()) {
-    if (!first_.back()) out_ << ", ";
-    first_.back() = false;
-  }
-}
-
-JsonWriter& JsonWriter::beginObject() {
-  separate();
-  out_ << '{';
-  first_.push_back(true);
-  return *this;
-}
-
-JsonWriter& JsonWriter::endObject() {
-  out_ << '}';
-  first_.pop_back();
-  return *this;
-}
-
-JsonWriter& JsonWriter::beginArray() {
-  separate();
-  out_ << '[';
-  first_.push_back(true);
-  return *this;
-}
-
-JsonWriter& JsonWriter::endArray() {
-  out_ << ']';
-  first_.pop_back();
-  return *this;
-}
-
-JsonWriter& JsonWriter::key(const std::string& name) {
-  value(name);
-  out_ << ": ";
-  afterKey_ = true;
-  return *this;
-}
-
-JsonWriter& JsonWriter::value(const std::string& text) {
-  separate();
-  out_ << '"';
-  for (unsigned char c : toValidUtf8(text)) {
-    switch (c) {
-      case '"':
-        out_ << "\\\"";
-        break;
-      case '\\':
-        out_ << "\\\\";
-        break;
-      case '\n':
-        out_ << "\\n";
-        break;
-      case '\r':
-        out_ << "\\r";
-        break;
-      case '\t':
-        out_ << "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out_ << buf;
-        } else {
-          out_ << static_cast<char>(c);
-        }
-    }
-  }
-  out_ << '"';
-  return *this;
-}
-
-JsonWriter& JsonWriter::value(bool b) {
-  separate();
-  out_ << (b ? "true" : "false");
-  return *this;
-}
-
-JsonWriter& JsonWriter::value(std::int64_t n) {
-  separate();
-  out_ << n;
-  return *this;
-}
-
-JsonWriter& JsonWriter::null() {
-  separate();
-  out_ << "null";
-  return *this;
+void printJson(std::ostream& out, const Json& json) {
+  out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
 void Table::print(std::ostream& out, const std::string& indent) const {

@@ -1,8 +1,9 @@
-// Text output of the sealmark tool: a small JSON writer and a table.
+// Text output of the sealmark tool: JSON, a table, files.
 #ifndef SEALMARK_OUTPUT_H
 #define SEALMARK_OUTPUT_H
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -11,39 +12,24 @@
 namespace sealmark {
 
 // Replaces byte sequences that aren't UTF-8 with U+FFFD, so that whatever a
-// file holds can be printed and put into JSON.
+// file holds can be printed.
 std::string toValidUtf8(const std::string& bytes);
 
-// Writes JSON with stable key order, as the calls come.  Strings are made
-// valid UTF-8 and escaped.
-class JsonWriter {
- public:
-  explicit JsonWriter(std::ostream& out) : out_(out) {}
-  JsonWriter& beginObject();
-  JsonWriter& endObject();
-  JsonWriter& beginArray();
-  JsonWriter& endArray();
-  JsonWriter& key(const std::string& name);
-  JsonWriter& value(const std::string& text);
-  JsonWriter& value(const char* text) { return value(std::string(text)); }
-  JsonWriter& value(bool b);
-  JsonWriter& value(std::int64_t n);
-  JsonWriter& value(int n) { return value(static_cast<std::int64_t>(n)); }
-  JsonWriter& null();
-  template <class T>
-  JsonWriter& value(const std::optional<T>& v) {
-    return v ? value(*v) : null();
-  }
+// JSON with keys in the order they were put in.
+using Json = nlohmann::ordered_json;
 
- private:
-  void separate();
-  std::ostream& out_;
-  std::vector<bool> first_;  // per open container: nothing written yet
-  bool afterKey_ = false;
-};
+// A value, or null when there is none.
+template <class T>
+Json orNull(const std::optional<T>& v) {
+  return v ? Json(*v) : Json(nullptr);
+}
+
+// Writes one line of JSON; text that isn't UTF-8 comes out with U+FFFD.
+void printJson(std::ostream& out, const Json& json);
 
 // A plain text table: a header row, then rows, columns padded to the widest
-// cell (counting UTF-8 code points, not bytes).
+// cell by the columns a terminal gives it (East Asian wide characters
+// take two, combining marks none).
 class Table {
  public:
   explicit Table(std::vector<std::string> header) : header_(std::move(header)) {}

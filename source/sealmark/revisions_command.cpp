@@ -100,22 +100,11 @@ int runRevisions(const Args& args) {
     return names;
   };
   if (opts.json) {
-    JsonWriter json(std::cout);
-    json.beginObject().key("file").value(opts.file).key("size").value(
-        static_cast<std::int64_t>(report->size));
-    json.key("revisions").beginArray();
+    Json revisions = Json::array();
     for (std::size_t i = 0; i < ends.size(); ++i) {
-      json.beginObject()
-          .key("revision")
-          .value(static_cast<int>(i))
-          .key("end")
-          .value(static_cast<std::int64_t>(ends[i]));
-      json.key("signed_by").beginArray();
-      for (const std::string& name : signersOf(i)) json.value(name);
-      json.endArray().endObject();
+      revisions.push_back(Json{{"revision", i}, {"end", ends[i]}, {"signed_by", signersOf(i)}});
     }
-    json.endArray().endObject();
-    std::cout << "\n";
+    printJson(std::cout, Json{{"file", opts.file}, {"size", report->size}, {"revisions", revisions}});
     return kExitOk;
   }
   std::cout << opts.file << ": " << ends.size() << " revision" << (ends.size() == 1 ? "" : "s") << ", "

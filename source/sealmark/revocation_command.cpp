@@ -72,7 +72,8 @@ bool parseArgs(const Args& args, RevocationOptions& opts, int& exitCode) {
   // read as a wrong moment, or not at all.
   static const std::regex kDate("[0-9]{12}([0-9]{2})?(Z|[+-][0-9]{2}([0-9]{2})?)?");
   if (opts.time && !std::regex_match(*opts.time, kDate)) {
-    return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'", exitCode);
+    return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'",
+                             exitCode);
   }
   opts.cert = files[0];
   opts.issuer = *issuer;
@@ -106,8 +107,9 @@ const char* decidedBy(bool notRevoked, int valid) {
 }
 
 std::string inWords(bool notRevoked, const std::string& by) {
-  if (by == "ocsp") return notRevoked ? "not revoked (the OCSP responder says good)"
-                                      : "revoked (the OCSP responder says revoked or unknown)";
+  if (by == "ocsp")
+    return notRevoked ? "not revoked (the OCSP responder says good)"
+                      : "revoked (the OCSP responder says revoked or unknown)";
   if (by == "crl") return notRevoked ? "not revoked (by its CRL)" : "revoked (by its CRL)";
   if (by == "none") return "not revoked (it names no OCSP responder and no CRL)";
   return "undecided (no OCSP responder and no CRL gave an answer)";
@@ -128,17 +130,14 @@ int runRevocation(const Args& args) {
     if (!loadCertificate(opts.chain[i], chain[i])) return kExitUsage;
   }
 
-  const bool notRevoked =
-      cert.checkCRL(opts.time ? opts.time->c_str() : nullptr, opts.cacheDir ? opts.cacheDir->c_str() : nullptr,
-                    opts.ldapServers ? opts.ldapServers->c_str() : nullptr, &issuer,
-                    chain.empty() ? nullptr : &chain, opts.noNonce ? 1 : 0);
+  const bool notRevoked = cert.checkCRL(opts.time ? opts.time->c_str() : nullptr,
+                                        opts.cacheDir ? opts.cacheDir->c_str() : nullptr,
+                                        opts.ldapServers ? opts.ldapServers->c_str() : nullptr, &issuer,
+                                        chain.empty() ? nullptr : &chain, opts.noNonce ? 1 : 0);
   const int valid = cert.getValid();
   const std::string by = decidedBy(notRevoked, valid);
   if (opts.json) {
-    JsonWriter json(std::cout);
-    json.beginObject().key("not_revoked").value(notRevoked).key("valid").value(valid).key("decided_by").value(by);
-    json.endObject();
-    std::cout << "\n";
+    printJson(std::cout, Json{{"not_revoked", notRevoked}, {"valid", valid}, {"decided_by", by}});
   } else {
     std::cout << opts.cert << ": " << inWords(notRevoked, by) << "\n";
   }

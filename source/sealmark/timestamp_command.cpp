@@ -77,15 +77,18 @@ bool parseArgs(const Args& args, TimestampOptions& opts, int& exitCode) {
   if (opts.hash != "sha512" && opts.hash != "sha1") {
     return parser.usageError("--hash must be sha1 or sha512, not '" + opts.hash + "'", exitCode);
   }
-  if (opts.user.empty() != opts.password.empty()) return parser.usageError("--user and --password go together", exitCode);
-  if (inputs.size() != 1) return parser.usageError(inputs.empty() ? "no INPUT given" : "one INPUT at a time", exitCode);
+  if (opts.user.empty() != opts.password.empty())
+    return parser.usageError("--user and --password go together", exitCode);
+  if (inputs.size() != 1)
+    return parser.usageError(inputs.empty() ? "no INPUT given" : "one INPUT at a time", exitCode);
   opts.input = inputs[0];
   if (opts.output.empty()) opts.output = opts.input + ".tsr";
   return true;
 }
 
 // The digest of a whole file; false with the reason when it can't be read.
-bool digestFile(const std::string& path, const EVP_MD* md, std::vector<unsigned char>& digest, std::string& why) {
+bool digestFile(const std::string& path, const EVP_MD* md, std::vector<unsigned char>& digest,
+                std::string& why) {
   std::unique_ptr<std::FILE, FileClose> file(std::fopen(path.c_str(), "rb"));
   if (!file) {
     why = std::strerror(errno);
@@ -159,9 +162,9 @@ int runTimestamp(const Args& args) {
   nonce[0] &= 0x7F;
   if (nonce[0] == 0) nonce[0] = 1;
 
-  const PDF_Sealmark::PDFStdTimeStamp client(opts.url, opts.user, opts.password,
-                                             sha1 ? PDF_Sealmark::PDFStdTimeStamp::kSha1
-                                                  : PDF_Sealmark::PDFStdTimeStamp::kSha512);
+  const PDF_Sealmark::PDFStdTimeStamp client(
+      opts.url, opts.user, opts.password,
+      sha1 ? PDF_Sealmark::PDFStdTimeStamp::kSha1 : PDF_Sealmark::PDFStdTimeStamp::kSha512);
   std::vector<unsigned char> token;
   if (!client.LeImplementts(token, std::vector<unsigned char>(), digest, nonce)) {
     complain(opts.url, "no time-stamp token from the server");

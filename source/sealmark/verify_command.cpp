@@ -56,68 +56,30 @@ struct VerifyOptions {
   std::string output;        // --output
 };
 
-void printJson(const DocumentReport& report, JsonWriter& json) {
-  json.beginObject()
-      .key("file")
-      .value(report.file)
-      .key("revisions")
-      .value(static_cast<int>(report.revisionEnds.size()))
-      .key("signatures")
-      .beginArray();
+Json documentJson(const DocumentReport& report) {
+  Json signatures = Json::array();
   for (const FieldReport& f : report.fields) {
-    json.beginObject()
-        .key("field")
-        .value(f.field)
-        .key("page")
-        .value(f.page)
-        .key("filter")
-        .value(f.filter)
-        .key("signed")
-        .value(f.isSigned)
-        .key("kind")
-        .value(f.kind)
-        .key("intact")
-        .value(f.intact)
-        .key("problem")
-        .value(f.problem)
-        .key("signing_time")
-        .value(f.signingTime)
-        .key("byte_range");
-    if (f.byteRange) {
-      json.beginArray();
-      for (long n : *f.byteRange) json.value(static_cast<std::int64_t>(n));
-      json.endArray();
-    } else {
-      json.null();
-    }
-    json.key("revision")
-        .value(f.revision)
-        .key("covers_whole_document")
-        .value(f.coversWholeDocument)
-        .key("coverage")
-        .value(f.coverage)
-        .key("permission");
-    if (f.permission) {
-      json.beginObject()
-          .key("P")
-          .value(f.permission->p)
-          .key("field_mdp")
-          .value(f.permission->fieldMdp)
-          .endObject();
-    } else {
-      json.null();
-    }
-    json.key("signer").value(f.signer ? std::optional<int>(static_cast<int>(*f.signer)) : std::nullopt);
-    json.key("certificates").beginArray();
-    for (const CertReport& c : f.certificates) {
-      json.beginObject();
-      writeCertFields(json, c);
-      json.endObject();
-    }
-    json.endArray();
-    json.endObject();
+    Json certificates = Json::array();
+    for (const CertReport& c : f.certificates) certificates.push_back(certJson(c));
+    Json permission = nullptr;
+    if (f.permission) permission = Json{{"P", f.permission->p}, {"field_mdp", f.permission->fieldMdp}};
+    signatures.push_back(Json{{"field", f.field},
+                              {"page", orNull(f.page)},
+                              {"filter", orNull(f.filter)},
+                              {"signed", f.isSigned},
+                              {"kind", f.kind},
+                              {"intact", orNull(f.intact)},
+                              {"problem", orNull(f.problem)},
+                              {"signing_time", orNull(f.signingTime)},
+                              {"byte_range", orNull(f.byteRange)},
+                              {"revision", orNull(f.revision)},
+                              {"covers_whole_document", orNull(f.coversWholeDocument)},
+                              {"coverage", orNull(f.coverage)},
+                              {"permission", permission},
+                              {"signer", orNull(f.signer)},
+                              {"certificates", certificates}});
   }
-  json.endArray().endObject();
+  return Json{{"file", report.file}, {"revisions", report.revisionEnds.size()}, {"signatures", signatures}};
 }
 
 // "20240315120000Z" as "2024-03-15 12:00:00Z".
@@ -271,7 +233,7 @@ int runVerify(const Args& args) {
 
   std::vector<Outcome> outcomes(files.size());
   std::mutex mutex;
-  std::size_t next = 0, finished = 0, failed = 0, printed = 0;
+  std::size_t next = 0, finished = 0, failed = 0;
   auto finish = [&](std::size_t i) {  // with mutex held
     Outcome& o = outcomes[i];
     o.done = true;
@@ -281,11 +243,13 @@ int runVerify(const Args& args) {
       bad = bad || (f.intact && !*f.intact);
     }
     failed += bad;
-    if (!o.report) complain(files[i], o.why);
+    if (!o.report) {
+      if (progress) std::cerr << "\r\033[K";  // the message replaces the progress line
+      complain(files[i], o.why);
+    }
     if (opts.jsonLines && o.report) {
-      JsonWriter json(std::cout);
-      printJson(*o.report, json);
-      std::cout << std::endl;
+      printJson(std::cout, documentJson(*o.report));
+      std::cout.flush();
     }
     if (progress)
       std::cerr << "\r" << finished << "/" << files.size() << " files, " << failed << " failed" << std::flush;
@@ -322,17 +286,16 @@ int runVerify(const Args& args) {
     }
   }
   if (opts.json) {
-    JsonWriter json(std::cout);
-    const bool many = files.size() > 1;
-    if (many) json.beginArray();
+    Json all = Json::array();
     for (const Outcome& o : outcomes) {
-      if (o.report) {
-        printJson(*o.report, json);
-        ++printed;
-      }
+      if (o.report) all.push_back(documentJson(*o.report));
     }
-    if (many) json.endArray();
-    if (printed > 0 || many) std::cout << "\n";
+    // One file gives its object; several give an array, even of one.
+    if (files.size() > 1) {
+      printJson(std::cout, all);
+    } else if (!all.empty()) {
+      printJson(std::cout, all.front());
+    }
   } else if (!opts.jsonLines) {
     for (const Outcome& o : outcomes) {
       if (o.report) printTable(*o.report, std::cout);
