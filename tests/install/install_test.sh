@@ -18,5 +18,5 @@ flags=$(PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" pkg-config --cflags --li
 c++ -std=c++17 "$source/tests/install/consumer.cpp" $flags -o "$scratch/pc-consumer"
 [ "$("$scratch/pc-consumer" "$source/samples/signed-sample.pdf")" = "1 intact" ]
 
-[ "$("$scratch/prefix/bin/sealmark" verify --json "$source/samples/signed-sample.pdf" | grep -c '"intact": true')" = 1 ]
+[ "$("$scratch/prefix/bin/sealmark" verify --json "$source/samples/signed-sample.pdf" | grep -c '"intact":true')" = 1 ]
 echo "install test: find_package, pkg-config and the installed sealmark all work"
