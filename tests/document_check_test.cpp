@@ -7,6 +7,7 @@
 
 #include "pdfsealmark/PDFDocumentCheck.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
+#include "support/mutate.h"
 #include "support/test_util.h"
 
 namespace {
@@ -115,6 +116,21 @@ TEST(DocumentCheck, DocumentTimeStampsHoldUntilAByteChanges) {
       EXPECT_EQ(timeStamps, 1) << file;
     }
   }
+}
+
+// A dictionary without /Filter is still read and checked as a signature
+// (here it fails: renaming the key changed signed bytes).
+TEST(DocumentCheck, ChecksASignatureDictionaryWithoutFilter) {
+  sealtest::Bytes pdf = sealtest::sign(sealtest::input("two-pages.pdf"));
+  pdf = sealtest::overwrite(pdf, "/Filter", "/Xilter");
+  Check::Result result;
+  ASSERT_TRUE(Check::checkMemory(pdf, "", result, nullptr));
+  const Check::Signature& s = result.signatures.at(0);
+  EXPECT_EQ(s.kind, Check::Kind::kSignature);
+  ASSERT_GE(s.signer, 0);
+  EXPECT_EQ(sealtest::hashOf(s.certificates[s.signer]),
+            sealtest::sha1Fingerprint(sealtest::pki("signer.pem")));
+  EXPECT_EQ(s.problem, "the signature does not match the signed bytes");
 }
 
 }  // namespace

@@ -348,8 +348,17 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
     job.rsaSha1 = true;
     readCertStrings(sigDict.getContents("/Cert"), job);
   } else {
-    s.problem = job.contents.empty() ? "the signature dictionary has no /Contents"
-                                     : "/Contents is not a PKCS#7 signed-data object";
+    // parse gives up on a dictionary without /Filter before it decodes
+    // /Contents; the signature may still be there.
+    const unsigned char* der = job.contents.data();
+    if (!job.contents.empty() && !sigDict.getContents("/Filter")) {
+      job.ownedP7.reset(d2i_PKCS7(nullptr, &der, static_cast<long>(job.contents.size())));
+      job.p7 = job.ownedP7.get();
+    }
+    if (!job.p7) {
+      s.problem = job.contents.empty() ? "the signature dictionary has no /Contents"
+                                       : "/Contents is not a PKCS#7 signed-data object";
+    }
   }
   listCertificates(job);
 
