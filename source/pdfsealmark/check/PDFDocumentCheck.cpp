@@ -21,6 +21,7 @@
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
+#include "pdfsealmark/verify/signer_info.h"
 
 namespace PDF_Sealmark {
 
@@ -136,14 +137,9 @@ std::string stringOf(PDFObject* value) {
   return std::string(value->getString(), static_cast<std::size_t>(value->getLenth()));
 }
 
-STACK_OF(X509) * certificateSet(PKCS7* p7) {
-  if (PKCS7_type_is_signed(p7)) return p7->d.sign ? p7->d.sign->cert : nullptr;
-  return nullptr;
-}
-
 // Version 3 certificates first, each once, as the seed's callers expect.
 void listCertificates(Job& job) {
-  STACK_OF(X509)* set = job.p7 ? certificateSet(job.p7) : job.ownedCerts.get();
+  STACK_OF(X509)* set = job.p7 ? signedDataCertificates(job.p7) : job.ownedCerts.get();
   std::vector<X509*> older;
   for (int i = 0; i < sk_X509_num(set); ++i) {
     X509* cert = sk_X509_value(set, i);

@@ -13,6 +13,7 @@
 
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/verify/signer_info.h"
 
 namespace PDF_Sealmark {
 
@@ -104,14 +105,6 @@ bool readSignedBytes(PDF_Vellum::PDFDocument& doc, const ByteRange& r, SignedByt
   in->seekg(r.offset2);
   in->read(buf + r.length1, r.length2);
   return true;
-}
-
-STACK_OF(X509) * certificatesOf(PKCS7* p7) {
-  if (PKCS7_type_is_signed(p7)) return p7->d.sign ? p7->d.sign->cert : nullptr;
-  if (PKCS7_type_is_signedAndEnveloped(p7)) {
-    return p7->d.signed_and_enveloped ? p7->d.signed_and_enveloped->cert : nullptr;
-  }
-  return nullptr;
 }
 
 }  // namespace
@@ -327,7 +320,7 @@ bool PDFSealmarkVerifyImpl::verify() const {
 
   STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(pkcs7);
   if (!infos) return false;
-  STACK_OF(X509)* certs = certificatesOf(pkcs7);
+  STACK_OF(X509)* certs = signedDataCertificates(pkcs7);
   for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(infos); ++i) {
     PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, i);
     if (!si) return false;

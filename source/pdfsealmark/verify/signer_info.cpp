@@ -13,10 +13,8 @@
 
 namespace PDF_Sealmark {
 
-namespace {
-
 // SignedData ::= SEQUENCE { ..., certificates [0] IMPLICIT CertificateSet OPTIONAL, ... }
-STACK_OF(X509) * certificateSet(PKCS7* p7) {
+STACK_OF(X509) * signedDataCertificates(PKCS7* p7) {
   if (PKCS7_type_is_signed(p7)) return p7->d.sign ? p7->d.sign->cert : nullptr;
   if (PKCS7_type_is_signedAndEnveloped(p7)) {
     return p7->d.signed_and_enveloped ? p7->d.signed_and_enveloped->cert : nullptr;
@@ -24,13 +22,11 @@ STACK_OF(X509) * certificateSet(PKCS7* p7) {
   return nullptr;
 }
 
-}  // namespace
-
 bool collectCerts(PKCS7* p7, std::vector<PDFCert>& certs) {
   if (p7 == nullptr) return false;
   STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(p7);
   if (signers == nullptr) return false;
-  STACK_OF(X509)* set = certificateSet(p7);
+  STACK_OF(X509)* set = signedDataCertificates(p7);
   // Callers take the first certificates as the signer's: version 3 ones, with
   // their extensions, go ahead of version 1 ones (a root or an old CA).
   std::vector<PDFCert> older;

@@ -16,6 +16,10 @@ namespace PDF_Sealmark {
 // False for a null object or one without signer infos.
 bool collectCerts(PKCS7* p7, std::vector<PDFCert>& certs);
 
+// The certificates field of a signed (or signed-and-enveloped) data object,
+// borrowed; null for any other object.
+STACK_OF(X509) * signedDataCertificates(PKCS7* p7);
+
 }  // namespace PDF_Sealmark
 
 #endif
