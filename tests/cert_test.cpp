@@ -13,6 +13,7 @@
 #include "pdfsealmark/cert/PDFCertImpl.h"
 #include "pdfsealmark/cert/PDFCertWinImpl.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "support/test_tsa.h"
 #include "support/test_util.h"
 
 namespace {
@@ -39,7 +40,7 @@ const char kMake[] = R"(set -eo pipefail
 printf '%s\n' '[req]' 'distinguished_name = dn' 'string_mask = $ENV::MASK' '[dn]' 'C = JP' 'CN = Directory CA' \
   '[ca]' 'database = index.txt' 'new_certs_dir = .' 'serial = serial' 'default_md = sha256' \
   'copy_extensions = copy' 'policy = policy' '[policy]' > ca.cnf
-bash "$1/tests/support/make_pki.sh" .
+cp -R "$1"/. .
 touch index.txt && echo 01 > serial && cat signer.pem ca.pem > two.pem
 openssl pkcs12 -export -in signer.pem -inkey signer.key -passout pass: -out nopass.p12
 echo "$2" | while read -r name key MASK serial from to subject extensions; do
@@ -92,7 +93,7 @@ const TempDir& pki() {
       write("show.py", bytes(kShowOracle));
       write("names.py", bytes(kNamesOracle));
       write("make.sh", bytes(kMake));
-      const auto r = run("cd " + shellQuote(path()) + " && bash make.sh " + shellQuote(SEALMARK_SOURCE_DIR) +
+      const auto r = run("cd " + shellQuote(path()) + " && bash make.sh " + shellQuote(testPki().path()) +
                          " " + shellQuote(kRows) + " >/dev/null");
       EXPECT_EQ(r.exitCode, 0) << r.err;
     }

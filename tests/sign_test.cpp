@@ -26,17 +26,7 @@ using SubFilter = PDFSigner::SubFilter;
 constexpr auto kSha1 = PDFSigner::Digest::kSha1, kSha256 = PDFSigner::Digest::kSha256;
 constexpr auto kPkcs7 = SubFilter::kPkcs7Detached, kCades = SubFilter::kCadesDetached;
 
-// The test PKI, made once per process by tests/support/make_pki.sh.
-const std::string& pki() {
-  static sealtest::TempDir dir;
-  static const std::string path = [] {
-    const auto r = sealtest::run("bash " + std::string(SEALMARK_SOURCE_DIR) + "/tests/support/make_pki.sh " +
-                                 shellQuote(dir.path()));
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    return dir.path();
-  }();
-  return path;
-}
+const std::string& pki() { return sealtest::testPki().path(); }
 
 PDF_Sealmark::PDFCert p12(const std::string& name) {
   std::ifstream in(pki() + "/" + name + ".p12", std::ios::binary);

@@ -1,5 +1,7 @@
 #include "support/mutate.h"
 
+#include "support/test_tsa.h"
+
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -9,15 +11,7 @@
 
 namespace sealtest {
 
-std::string pki(const std::string& file) {
-  // Made once; the directory goes when the process ends.
-  static const TempDir* dir = [] {
-    auto* d = new TempDir;
-    oracle(SEALMARK_SOURCE_DIR "/tests/support/make_pki.sh " + shellQuote(d->path()) + " >/dev/null");
-    return d;
-  }();
-  return dir->file(file);
-}
+std::string pki(const std::string& file) { return testPki().file(file); }
 
 PDF_Sealmark::PDFCert load(const std::string& path, const char* password) {
   std::istringstream in(text(readFile(path)));

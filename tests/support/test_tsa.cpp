@@ -1,9 +1,13 @@
 #include "support/test_tsa.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace sealtest {
@@ -43,18 +47,31 @@ int Web::hits(const std::string& name) const {
   return n;
 }
 
-const TempDir& testPki() {
-  static const TempDir dir;
-  static const bool made = run(supportScript("make_pki.sh") + " " + dir.path()).exitCode == 0;
-  if (!made) throw std::runtime_error("make_pki.sh failed");
-  return dir;
+// CTest runs every test in a process of its own, so the PKI is made once per
+// build tree and version of make_pki.sh, under a lock, and moved into place
+// whole.  Tests only read it.
+const PkiDir& testPki() {
+  static const PkiDir pki = [] {
+    const std::string script = supportScript("make_pki.sh");
+    const std::string dir = SEALMARK_TEST_PKI_DIR "-" + std::to_string(std::hash<std::string>()(text(readFile(script))));
+    const int lock = ::open((dir + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    if (lock < 0 || ::flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir);
+    if (::access((dir + "/tsa.pem").c_str(), R_OK) != 0) {
+      const std::string scratch = dir + ".new";
+      if (run("rm -rf " + scratch + " && " + script + " " + scratch + " && mv " + scratch + " " + dir).exitCode != 0)
+        throw std::runtime_error("make_pki.sh failed");
+    }
+    ::close(lock);
+    return PkiDir{dir};
+  }();
+  return pki;
 }
 
 TestTsa::TestTsa(const std::string& user, const std::string& password) {
   web_.www.write("tsa.cmd",
-                 bytes("cd " + testPki().path() +
-                       " && openssl ts -reply -config ext.cnf -section tsa_section -queryfile /dev/stdin"
-                       " -signer tsa.pem -inkey tsa.key -chain ca.pem -out /dev/stdout 2>/dev/null"));
+                 bytes("cd " + web_.www.path() + " && test -f tsaserial || echo 01 > tsaserial; P=" + testPki().path() +
+                       " && openssl ts -reply -config $P/ext.cnf -section tsa_section -queryfile /dev/stdin"
+                       " -signer $P/tsa.pem -inkey $P/tsa.key -chain $P/ca.pem -out /dev/stdout 2>/dev/null"));
   if (!user.empty()) web_.www.write("tsa.auth", bytes(user + ":" + password));
 }
 

@@ -54,8 +54,13 @@ struct Web {
   int hits(const std::string& name) const;
 };
 
-// The PKI of make_pki.sh, made once per process (it takes seconds).
-const TempDir& testPki();
+// The PKI of make_pki.sh, made once per build tree (it takes seconds).
+struct PkiDir {
+  std::string dir;
+  const std::string& path() const { return dir; }
+  std::string file(const std::string& name) const { return dir + "/" + name; }
+};
+const PkiDir& testPki();
 
 // An RFC 3161 time-stamp authority: `openssl ts -reply` behind serve.py,
 // signing with the tsa certificate of make_pki.sh.  With a user set, a
