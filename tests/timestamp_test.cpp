@@ -148,7 +148,7 @@ TEST(TimeStampTsa, CommandWritesVerifiableTokens) {
         sealtest::oracle("date -u +%Y%m%d%H%M%SZ -d '" +
                          text.substr(std::min(text.find("Time stamp: ") + 12, text.size()), 24) + "'");
     EXPECT_EQ(r.out, "token: " + token + "\ntime: " + time +
-                         "\nsize: " + std::to_string(sealtest::readFile(token).size()) + " bytes\n");
+                         "\nsource: rfc3161\nsize: " + std::to_string(sealtest::readFile(token).size()) + " bytes\n");
   }
 }
 

@@ -7,9 +7,12 @@
 //   std::vector<unsigned char> token;
 //   if (amano.LeImplementts(token, data, {}, {})) { ... }
 //
-// This build has no binding to the service's library yet: LeImplementts
-// answers false.  Copies share one implementation object, which the last of
-// them deletes.
+// The library, libasdtst.so, is loaded by name on first use, so the platform's
+// library search decides which file serves (LD_LIBRARY_PATH, the cache, the
+// default directories); without it LeImplementts answers false.  The
+// account file is looked for under its name, then beside
+// libPDFSealmark27.so, then beside the executable.
+// Copies share one implementation object, which the last of them deletes.
 #ifndef PDFSEALMARK_PDFAMANOTIMESTAMP_H
 #define PDFSEALMARK_PDFAMANOTIMESTAMP_H
 

@@ -7,9 +7,12 @@
 //   std::vector<unsigned char> token;
 //   if (pfu.LeImplementts(token, data, {}, {})) { ... }
 //
-// This build has no binding to the service's library yet: LeImplementts
-// answers false.  Copies share one implementation object, which the last of
-// them deletes.
+// The library, libtslib.so, is loaded by name on first use, so the platform's
+// library search decides which file serves (LD_LIBRARY_PATH, the cache, the
+// default directories); without it LeImplementts answers false.  Each
+// token is a login, a request and a logout; a token from a session whose
+// logout fails is not delivered.
+// Copies share one implementation object, which the last of them deletes.
 #ifndef PDFSEALMARK_PDFPFUTIMESTAMP_H
 #define PDFSEALMARK_PDFPFUTIMESTAMP_H
 

@@ -1,7 +1,8 @@
 // Internal: the Amano service client behind PDFAmanoTimeStamp.
 //
-// It holds the settings; the binding to the service's closed library isn't
-// part of this build, so no token can be had yet.
+// It holds the settings and gets each token through createAmanoToken: the
+// service's library ("libasdtst.so") digests the data with SHA-512, opens
+// the account file and asks the service.
 #ifndef PDFSEALMARK_TIMESTAMP_PDFAMANOTIMESTAMPIMPL_H
 #define PDFSEALMARK_TIMESTAMP_PDFAMANOTIMESTAMPIMPL_H
 
@@ -18,7 +19,8 @@ class PDFAmanoTimeStampImpl {
   PDFAmanoTimeStampImpl(const PDFAmanoTimeStampImpl&) = delete;
   PDFAmanoTimeStampImpl& operator=(const PDFAmanoTimeStampImpl&) = delete;
 
-  // Empties token; false.
+  // Empties token; with data and all three settings, a token from the
+  // service.  True when token isn't empty.  digest and nonce aren't read.
   bool LeImplementts(std::vector<unsigned char>& token, const std::vector<unsigned char>& data,
                      const std::vector<unsigned char>& digest, const std::vector<unsigned char>& nonce) const;
   // Nothing.

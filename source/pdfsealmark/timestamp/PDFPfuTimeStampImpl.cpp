@@ -1,5 +1,7 @@
 #include "pdfsealmark/timestamp/PDFPfuTimeStampImpl.h"
 
+#include "pdfsealmark/timestamp/closed_services.h"
+
 namespace PDF_Sealmark {
 
 PDFPfuTimeStampImpl::PDFPfuTimeStampImpl(const std::string& user, const std::string& password)
@@ -7,11 +9,14 @@ PDFPfuTimeStampImpl::PDFPfuTimeStampImpl(const std::string& user, const std::str
 
 PDFPfuTimeStampImpl::~PDFPfuTimeStampImpl() = default;
 
-bool PDFPfuTimeStampImpl::LeImplementts(std::vector<unsigned char>& token, const std::vector<unsigned char>&,
+bool PDFPfuTimeStampImpl::LeImplementts(std::vector<unsigned char>& token,
+                                        const std::vector<unsigned char>& data,
                                         const std::vector<unsigned char>&,
                                         const std::vector<unsigned char>&) const {
   token.clear();
-  return false;
+  if (data.empty() || user.empty() || password.empty()) return false;
+  token = createPfuToken(data, user.c_str(), password.c_str());
+  return !token.empty();
 }
 
 }  // namespace PDF_Sealmark

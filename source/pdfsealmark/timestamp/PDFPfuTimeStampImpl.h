@@ -1,7 +1,8 @@
 // Internal: the PFU service client behind PDFPfuTimeStamp.
 //
-// It holds the settings; the binding to the service's closed library isn't
-// part of this build, so no token can be had yet.
+// It holds the settings and gets each token through createPfuToken: the
+// service's library ("libtslib.so") digests the data with SHA-512, logs in,
+// asks for the token and logs out.
 #ifndef PDFSEALMARK_TIMESTAMP_PDFPFUTIMESTAMPIMPL_H
 #define PDFSEALMARK_TIMESTAMP_PDFPFUTIMESTAMPIMPL_H
 
@@ -17,7 +18,8 @@ class PDFPfuTimeStampImpl {
   PDFPfuTimeStampImpl(const PDFPfuTimeStampImpl&) = delete;
   PDFPfuTimeStampImpl& operator=(const PDFPfuTimeStampImpl&) = delete;
 
-  // Empties token; false.
+  // Empties token; with data, user and password, a token from the service.
+  // True when token isn't empty.  digest and nonce aren't read.
   bool LeImplementts(std::vector<unsigned char>& token, const std::vector<unsigned char>& data,
                      const std::vector<unsigned char>& digest, const std::vector<unsigned char>& nonce) const;
   // Nothing.
