@@ -80,6 +80,18 @@ class PDFSEALMARK_API PDFDocumentCheck {
     // /Reference has none); -1 without /Reference.
     int permission = -1;
     bool fieldMdp = false;
+
+    // The time stamp over the signature value, as PDFSealmarkVerify's
+    // time-stamp questions answer for it.  It leaves `intact` unchanged.
+    bool hasTimeStamp = false;
+    // "rfc3161", "amano" or "pfu"; empty when no library can tell which
+    // closed service made the token.
+    std::string timeStampSource;
+    // 0 holds, 1 does not hold, 2 not for this signature, 3 no conclusion.
+    int timeStampStatus = 3;
+    std::string timeStampTime;  // as the token gives it; empty when unknown
+    std::string timeStampType;  // "SHA-2(256bit)"...; empty for closed services
+    std::vector<PDFCert> timeStampCertificates;
   };
 
   struct PDFSEALMARK_API Result {

@@ -83,6 +83,32 @@ class PDFSEALMARK_API PDFSealmarkVerify {
   // when there is none.
   std::string getSignedDate() const;
 
+  // The time stamp carried over the signature value (an unsigned attribute
+  // of a signer info): an RFC 3161 token, or a token of the Amano or PFU
+  // service, read by that service's library when it can be loaded.
+  bool getHasTimeStamp() const;
+  // 0 holds (its imprint is the digest of the first signer info's signature
+  // value and a certificate of the token verifies it), 1 does not hold,
+  // 2 not for this signature, 3 nothing could be concluded (none, damaged,
+  // or no library for it).  Neither the validity nor the trust of the time
+  // stamp authority is looked at: see getTimeStampCerts.
+  int verifyTimeStamp() const;
+  // Writes the token's DER bytes.
+  bool getTimeStampToken(std::ostream& out) const;
+  // The token's time as the token gives it (an RFC 3161 GeneralizedTime);
+  // a closed service's own text; empty when unknown.
+  std::string getTimeStampDate() const;
+  // "SHA-1(160bit)", "SHA-2(256bit)", "SHA-2(384bit)", "SHA-2(512bit)" or
+  // "UNKNOWN", from the imprint's length; empty for closed-service tokens.
+  std::string getTimeStampType() const;
+  // The certificates of the token.  An RFC 3161 token appends to certs;
+  // for a closed-service token certs is emptied first.
+  bool getTimeStampCerts(std::vector<PDFCert>& certs) const;
+  // digest's size picks the algorithm (32, 48, 64 bytes: SHA-256/384/512;
+  // otherwise it becomes 20 and SHA-1); it receives the digest of the first
+  // signer info's signature value, and value a copy of that value.
+  bool getSignatureDigest(std::vector<unsigned char>& digest, std::vector<unsigned char>& value) const;
+
   // Lends the implementation object; null only if it couldn't be made.
   PDFSealmarkVerifyImpl* getImpl() const { return impl_.get(); }
 

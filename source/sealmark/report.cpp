@@ -28,6 +28,15 @@ FieldReport fieldReport(const PDF_Sealmark::PDFDocumentCheck::Signature& s) {
   for (const PDF_Sealmark::PDFCert& cert : s.certificates) r.certificates.push_back(describe(cert));
   if (s.signer >= 0) r.signer = static_cast<std::size_t>(s.signer);
   if (s.permission >= 0) r.permission = PermissionReport{s.permission, s.fieldMdp};
+  if (s.hasTimeStamp) {
+    TimeStampReport t;
+    if (!s.timeStampSource.empty()) t.source = s.timeStampSource;
+    t.status = s.timeStampStatus;
+    if (!s.timeStampTime.empty()) t.time = s.timeStampTime;
+    if (!s.timeStampType.empty()) t.type = s.timeStampType;
+    for (const PDF_Sealmark::PDFCert& cert : s.timeStampCertificates) t.certificates.push_back(describe(cert));
+    r.timeStamp = std::move(t);
+  }
   return r;
 }
 

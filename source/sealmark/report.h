@@ -18,6 +18,15 @@ struct PermissionReport {
   bool fieldMdp = false;
 };
 
+// The time stamp over a signature value.
+struct TimeStampReport {
+  std::optional<std::string> source;  // "rfc3161", "amano", "pfu"
+  int status = 3;                     // 0 holds, 1 not, 2 not for this signature, 3 unknown
+  std::optional<std::string> time;    // as the token gives it
+  std::optional<std::string> type;    // "SHA-2(256bit)"...
+  std::vector<CertReport> certificates;
+};
+
 // One signature field, as the library answers for it.
 struct FieldReport {
   std::string field;
@@ -40,6 +49,7 @@ struct FieldReport {
   // of the one that issued no other of them (the end of the chain).
   std::vector<CertReport> certificates;
   std::optional<std::size_t> signer;
+  std::optional<TimeStampReport> timeStamp;
 };
 
 // What one read of a document tells: its revisions and its fields.

@@ -41,6 +41,11 @@ const char kVerifyHelp[] =
     "document_timestamp: intact when its token's imprint is the digest of the\n"
     "byte ranges and the token's signature holds.\n"
     "\n"
+    "TIME STAMP is the time stamp a signature carries over its own value: it\n"
+    "holds, does not hold, is not for this signature, or cannot be checked\n"
+    "(damaged, or a closed service's token without that service's library).\n"
+    "It leaves the signature's own verdict unchanged.\n"
+    "\n"
     "exit codes: 0 every signed field is intact, 1 a signature is not intact,\n"
     "2 bad usage or a file that cannot be opened\n";
 
@@ -61,6 +66,17 @@ Json documentJson(const DocumentReport& report) {
   for (const FieldReport& f : report.fields) {
     Json certificates = Json::array();
     for (const CertReport& c : f.certificates) certificates.push_back(certJson(c));
+    Json timeStamp = nullptr;
+    if (const auto& t = f.timeStamp) {
+      Json tsCertificates = Json::array();
+      for (const CertReport& c : t->certificates) tsCertificates.push_back(certJson(c));
+      timeStamp = Json{{"source", orNull(t->source)},
+                       {"status", t->status},
+                       {"holds", t->status == 0 ? Json(true) : t->status == 3 ? Json(nullptr) : Json(false)},
+                       {"time", orNull(t->time)},
+                       {"type", orNull(t->type)},
+                       {"certificates", tsCertificates}};
+    }
     Json permission = nullptr;
     if (f.permission) permission = Json{{"P", f.permission->p}, {"field_mdp", f.permission->fieldMdp}};
     signatures.push_back(Json{{"field", f.field},
@@ -77,18 +93,35 @@ Json documentJson(const DocumentReport& report) {
                               {"coverage", orNull(f.coverage)},
                               {"permission", permission},
                               {"signer", orNull(f.signer)},
-                              {"certificates", certificates}});
+                              {"certificates", certificates},
+                              {"timestamp", timeStamp}});
   }
   return Json{{"file", report.file}, {"revisions", report.revisionEnds.size()}, {"signatures", signatures}};
 }
 
-// "20240315120000Z" as "2024-03-15 12:00:00Z".
+// "20240315120000Z" (fractions of a second allowed, as in a time stamp) as
+// "2024-03-15 12:00:00Z"; any other text as it is.
 std::string displayTime(const std::optional<std::string>& t) {
   if (!t) return "-";
   const std::string& s = *t;
-  if (s.size() != 15) return s;
+  const bool digits = s.size() >= 15 && s.find_first_not_of("0123456789") == 14;
+  if (!digits || s.back() != 'Z' || (s.size() > 15 && s[14] != '.')) return s;
   return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6, 2) + " " + s.substr(8, 2) + ":" +
          s.substr(10, 2) + ":" + s.substr(12, 2) + "Z";
+}
+
+std::string timeStampText(const std::optional<TimeStampReport>& t) {
+  if (!t) return "-";
+  switch (t->status) {
+    case 0:
+      return "holds " + displayTime(t->time);
+    case 1:
+      return "does not hold";
+    case 2:
+      return "not for this signature";
+    default:
+      return t->source ? "cannot be checked" : "cannot be checked: no library";
+  }
 }
 
 std::string permissionText(const std::optional<PermissionReport>& p) {
@@ -107,7 +140,7 @@ void printTable(const DocumentReport& report, std::ostream& out) {
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "REVISION", "WHOLE FILE", "PERMITS"});
+  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE", "PERMITS"});
   int n = 0;
   for (const FieldReport& f : report.fields) {
     std::string signer = f.isSigned ? "(signer certificate not included)" : "(not signed)";
@@ -121,7 +154,7 @@ void printTable(const DocumentReport& report, std::ostream& out) {
                   !f.intact   ? "-"
                   : *f.intact ? "yes"
                               : "NO",
-                  f.revision ? std::to_string(*f.revision) : "-",
+                  timeStampText(f.timeStamp), f.revision ? std::to_string(*f.revision) : "-",
                   !f.coversWholeDocument   ? "-"
                   : *f.coversWholeDocument ? "yes"
                                            : "no",

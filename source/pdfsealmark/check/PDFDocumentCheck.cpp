@@ -20,6 +20,7 @@
 #include "pdfsealmark/cert/PDFCertImpl.h"
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/timestamp/closed_services.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
 #include "pdfsealmark/verify/signer_info.h"
 
@@ -309,6 +310,31 @@ void readCertStrings(PDFObject* value, Job& job) {
   }
 }
 
+// The time stamp questions read only what parse kept, never the file.
+void readTimeStamp(const PDFSealmarkVerifyImpl& v, PDFDocumentCheck::Signature& s) {
+  s.hasTimeStamp = v.getHasTimeStamp();
+  if (!s.hasTimeStamp) return;
+  if (v.tsKind == kRfc3161TimeStamp) {
+    s.timeStampSource = "rfc3161";
+  } else if (v.tsKind == kPfuFilterTimeStamp || loadPfuLibrary()) {
+    // The PFU library reads a service token whenever it loads.
+    s.timeStampSource = "pfu";
+  } else if (loadAmanoLibrary()) {
+    s.timeStampSource = "amano";
+  }
+  s.timeStampStatus = v.verifyTimeStamp();
+  if (!v.tsPkcs7 && s.timeStampSource == "pfu") {
+    // On failure the PFU library's date text is its error message, not a
+    // time.
+    std::string time;
+    if (getPfuTokenDate(v.tsToken, time)) s.timeStampTime = time;
+  } else {
+    s.timeStampTime = v.getTimeStampDate();
+  }
+  s.timeStampType = v.getTimeStampType();
+  v.getTimeStampCerts(s.timeStampCertificates);
+}
+
 // Reads the field and decides what the pass must digest for it.
 void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   PDFDocumentCheck::Signature& s = *job.out;
@@ -340,6 +366,7 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   if (v.pkcs7 && v.sigDict) {
     job.p7 = v.pkcs7;
     s.signingTime = v.getSignedDate();
+    readTimeStamp(v, s);
   } else if (s.subFilter == "/adbe.x509.rsa_sha1") {
     job.rsaSha1 = true;
     readCertStrings(sigDict.getContents("/Cert"), job);

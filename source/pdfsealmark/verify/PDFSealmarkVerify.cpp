@@ -42,3 +42,26 @@ bool PDFSealmarkVerify::getPermission(PDF_Folio::PL_VerifyDocPerm& permission, b
 }
 
 }  // namespace PDF_Sealmark
+
+namespace PDF_Sealmark {
+
+bool PDFSealmarkVerify::getHasTimeStamp() const { return impl_ ? impl_->getHasTimeStamp() : false; }
+int PDFSealmarkVerify::verifyTimeStamp() const { return impl_ ? impl_->verifyTimeStamp() : 3; }
+
+bool PDFSealmarkVerify::getTimeStampToken(std::ostream& out) const {
+  return impl_ ? impl_->getTimeStampToken(out) : false;
+}
+
+std::string PDFSealmarkVerify::getTimeStampDate() const { return impl_ ? impl_->getTimeStampDate() : std::string(); }
+std::string PDFSealmarkVerify::getTimeStampType() const { return impl_ ? impl_->getTimeStampType() : std::string(); }
+
+bool PDFSealmarkVerify::getTimeStampCerts(std::vector<PDFCert>& certs) const {
+  return impl_ ? impl_->getTimeStampCerts(certs) : false;
+}
+
+bool PDFSealmarkVerify::getSignatureDigest(std::vector<unsigned char>& digest,
+                                           std::vector<unsigned char>& value) const {
+  return impl_ ? impl_->getSignatureDigest(digest, value) : false;
+}
+
+}  // namespace PDF_Sealmark

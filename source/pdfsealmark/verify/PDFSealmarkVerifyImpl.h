@@ -55,6 +55,14 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
   std::string getSignedDate() const;                 // signer_info.cpp
   bool getSignedVerPdf(std::ostream& out) const;
   bool getPermission(PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp) const;
+  // The time stamp over the signature value (timestamp_token.cpp).
+  bool getHasTimeStamp() const;
+  int verifyTimeStamp() const;
+  bool getTimeStampToken(std::ostream& out) const;
+  std::string getTimeStampDate() const;
+  std::string getTimeStampType() const;
+  bool getTimeStampCerts(std::vector<PDFCert>& certs) const;
+  bool getSignatureDigest(std::vector<unsigned char>& digest, std::vector<unsigned char>& value) const;
   // The field's page as parse finds it; needs acroform and doc.
   std::int32_t findPage() const;
 

@@ -1,0 +1,163 @@
+// The time stamp a signature carries over its own value, asked of the
+// verifier and shown by `sealmark verify`: a token from a real TSA
+// (`openssl ts -reply`) in a file from the product signer, then small edits
+// of the token or of the signature.
+#include <gtest/gtest.h>
+#include <openssl/ts.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "pdfsealmark/PDFSealmarkVerify.h"
+#include "pdfsealmark/PDFStdTimeStamp.h"
+#include "pdfsealmark/openssl_ptr.h"
+#include "support/mutate.h"
+#include "support/test_tsa.h"
+
+namespace {
+
+using namespace sealtest;
+using nlohmann::json;
+namespace ossl = PDF_Sealmark::ossl;
+
+PKCS7_SIGNER_INFO* signerInfo(PKCS7* p7, int i) { return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), i); }
+
+// The token of signer info `i`, changed by `edit` and put back.
+void editToken(PKCS7* p7, const std::function<void(PKCS7*)>& edit, int i = 0) {
+  ASN1_TYPE* attribute = PKCS7_get_attribute(signerInfo(p7, i), NID_id_smime_aa_timeStampToken);
+  ASSERT_NE(attribute, nullptr);
+  const unsigned char* p = attribute->value.sequence->data;
+  ossl::UniquePtr<PKCS7> token(d2i_PKCS7(nullptr, &p, attribute->value.sequence->length));
+  ASSERT_NE(token, nullptr);
+  edit(token.get());
+  const Bytes encoded = der(token.get());
+  ASN1_STRING_set(attribute->value.sequence, encoded.data(), static_cast<int>(encoded.size()));
+}
+void setImprint(PKCS7* token, const Bytes& digest) {
+  ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(token));
+  TS_MSG_IMPRINT_set_msg(TS_TST_INFO_get_msg_imprint(info.get()), const_cast<unsigned char*>(digest.data()),
+                         static_cast<int>(digest.size()));
+  unsigned char* out = nullptr;
+  const int length = i2d_TS_TST_INFO(info.get(), &out);
+  ASN1_OCTET_STRING_set(token->d.sign->contents->d.other->value.octet_string, out, length);
+  OPENSSL_free(out);
+}
+
+struct Case {
+  const char* name;
+  std::function<void(PKCS7*)> edit;  // of the signature's PKCS#7 object
+  int status;                        // verifyTimeStamp
+  const char* type;
+  bool timeKnown, certificates;
+  const char* column;  // the TIME STAMP column begins so
+  int exitCode;        // of sealmark verify: the signature's own verdict
+};
+
+const Case kCases[] = {
+    {"Good", [](PKCS7*) {}, 0, "SHA-2(512bit)", true, true, "holds 20", 0},
+    // A changed signature value: the token is for other bytes, and the
+    // signature itself is broken too.
+    {"SignatureValueChanged", [](PKCS7* p7) { signerInfo(p7, 0)->enc_digest->data[3] ^= 1; }, 2,
+     "SHA-2(512bit)", true, true, "not for this signature", 1},
+    {"TokenSignatureDamaged",
+     [](PKCS7* p7) { editToken(p7, [](PKCS7* t) { signerInfo(t, 0)->enc_digest->data[5] ^= 1; }); }, 1,
+     "SHA-2(512bit)", true, true, "does not hold", 0},
+    {"TokenWithoutItsCertificate",
+     [](PKCS7* p7) {
+       editToken(p7, [](PKCS7* t) {
+         sk_X509_pop_free(t->d.sign->cert, X509_free);
+         t->d.sign->cert = nullptr;
+       });
+     },
+     1, "SHA-2(512bit)", true, false, "does not hold", 0},
+    // Only the imprint's length picks the digest: 16 bytes fall back to
+    // SHA-1, whose length differs.
+    {"Imprint16Bytes", [](PKCS7* p7) { editToken(p7, [](PKCS7* t) { setImprint(t, Bytes(16, 7)); }); }, 2,
+     "UNKNOWN", true, true, "not for this signature", 0},
+    // Compared with the first signer info's value, whichever carries it.
+    {"CarriedBySecondSignerInfo",
+     [](PKCS7* p7) {
+       PKCS7_SIGNER_INFO* second = addSigner(p7, "second");
+       std::swap(second->unauth_attr, signerInfo(p7, 0)->unauth_attr);
+     },
+     0, "SHA-2(512bit)", true, true, "holds 20", 0},
+    // Not PKCS#7: a closed service's token, and neither library here.
+    {"ServiceTokenWithoutLibrary",
+     [](PKCS7* p7) {
+       ASN1_TYPE* a = PKCS7_get_attribute(signerInfo(p7, 0), NID_id_smime_aa_timeStampToken);
+       const unsigned char notPkcs7[] = {0x30, 0x03, 0x02, 0x01, 0x05};
+       ASN1_STRING_set(a->value.sequence, notPkcs7, sizeof notPkcs7);
+     },
+     3, "", false, false, "cannot be checked: no library", 0},
+};
+
+class SignatureTimeStamp : public ::testing::TestWithParam<Case> {
+ protected:
+  static void SetUpTestSuite() {
+    TestTsa tsa;
+    PDF_Sealmark::PDFStdTimeStamp client(tsa.url(), "", "", PDF_Sealmark::PDFStdTimeStamp::kSha512);
+    SignOptions o = options();
+    o.timeStamp = &client;
+    stamped_ = new Bytes(sign(input("two-pages.pdf"), o));
+  }
+  static void TearDownTestSuite() { delete stamped_; }
+  static Bytes* stamped_;
+};
+Bytes* SignatureTimeStamp::stamped_ = nullptr;
+
+TEST_P(SignatureTimeStamp, AnsweredByTheVerifierAndShownByTheCli) {
+  const Case& c = GetParam();
+  const Bytes pdf = editPkcs7(*stamped_, c.edit);
+  OpenedPdf opened = openPdf(pdf);
+  ASSERT_EQ(opened.fields.size(), 1u);
+  PDF_Sealmark::PDFSealmarkVerify v;
+  ASSERT_TRUE(v.parse(opened.fields[0]));
+  EXPECT_TRUE(v.getHasTimeStamp());
+  EXPECT_EQ(v.verifyTimeStamp(), c.status);
+  EXPECT_EQ(v.getTimeStampType(), c.type);
+  const std::string time = v.getTimeStampDate();
+  EXPECT_EQ(time.size() == 15 && time.back() == 'Z', c.timeKnown) << time;
+  std::ostringstream token;
+  EXPECT_TRUE(v.getTimeStampToken(token));
+  EXPECT_GE(token.str().size(), 5u);
+  // An RFC 3161 token appends; a closed service's token empties first.
+  std::vector<PDF_Sealmark::PDFCert> certs(1);
+  EXPECT_EQ(v.getTimeStampCerts(certs), c.timeKnown);
+  EXPECT_EQ(certs.size() > 1, c.certificates);
+  EXPECT_EQ(certs.empty(), !c.timeKnown);
+  const std::string tsa = sha1Fingerprint(pki("tsa.pem"));
+  EXPECT_EQ(std::any_of(certs.begin(), certs.end(), [&](const auto& cert) { return hashOf(cert) == tsa; }),
+            c.certificates);
+
+  TempDir dir;
+  const std::string file = dir.write("in.pdf", pdf);
+  const CommandResult js = run(sealmark("verify --json " + file));
+  EXPECT_EQ(js.exitCode, c.exitCode) << js.err;
+  const json t = json::parse(js.out)["signatures"][0]["timestamp"];
+  EXPECT_EQ(t["status"], c.status);
+  EXPECT_EQ(t["holds"], c.status == 0 ? json(true) : c.status == 3 ? json(nullptr) : json(false));
+  EXPECT_EQ(t["source"], c.timeKnown ? json("rfc3161") : json(nullptr));
+  EXPECT_EQ(t["time"], c.timeKnown ? json(time) : json(nullptr));
+  EXPECT_EQ(t["certificates"].empty(), !c.certificates);
+  EXPECT_NE(run(sealmark("verify " + file)).out.find(c.column), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Edits, SignatureTimeStamp, ::testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A /PFUP.TimeStamp signature's PKCS#7 token is checked only with the PFU
+// library at hand; its time is read all the same.
+TEST_F(SignatureTimeStamp, PfuFilterNeedsItsLibraryEvenForAPkcs7Token) {
+  const Bytes pdf = overwrite(*stamped_, entry(*stamped_, "/Filter") + entry(*stamped_, "/SubFilter"),
+                              "/Filter/PFUP.TimeStamp");
+  OpenedPdf opened = openPdf(pdf);
+  PDF_Sealmark::PDFSealmarkVerify v;
+  ASSERT_TRUE(v.parse(opened.fields[0]));
+  EXPECT_EQ(v.verifyTimeStamp(), 1);
+  EXPECT_EQ(v.getTimeStampDate().size(), 15u);
+  PDF_Sealmark::PDFSealmarkVerify unsignedField;
+  EXPECT_FALSE(unsignedField.getHasTimeStamp());
+  EXPECT_EQ(unsignedField.verifyTimeStamp(), 3);
+}
+
+}  // namespace
