@@ -74,8 +74,10 @@ class PDFSEALMARK_API PDFSigner {
     // Further certificates to embed after the signer's (the chain).
     std::vector<PDFCert> extraCertificates;
     // A signature time stamp over the signature value, placed as the
-    // unsigned attribute id-aa-timeStampToken.  Borrowed; null for none.
-    const PDFStdTimeStamp* timeStamp = nullptr;
+    // unsigned attribute id-aa-timeStampToken: from an RFC 3161 server
+    // (PDFStdTimeStamp), or from the Amano or PFU service, whose clients
+    // take the signature value itself.  Borrowed; null for none.
+    const PDF_Vellum::TimeStamp* timeStamp = nullptr;
     // Bytes reserved for /Contents (the hex string is twice as long).
     // 0: sized from a trial signature.
     std::size_t reservedBytes = 0;

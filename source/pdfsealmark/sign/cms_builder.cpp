@@ -90,10 +90,11 @@ bool addSigningCertificateV2(CMS_SignerInfo* si, const CmsSigner& signer) {
 
 }  // namespace
 
-bool requestToken(const PDFStdTimeStamp& tsa, const unsigned char* data, std::size_t size, Bytes& token,
+bool requestToken(const PDF_Vellum::TimeStamp& tsa, const unsigned char* data, std::size_t size, Bytes& token,
                   std::string* why) {
   token.clear();
-  const PDFStdTimeStampImpl* impl = tsa.getStdTimeStampImpl();
+  const auto* rfc3161 = dynamic_cast<const PDFStdTimeStamp*>(&tsa);
+  const PDFStdTimeStampImpl* impl = rfc3161 ? rfc3161->getStdTimeStampImpl() : nullptr;
   const EVP_MD* md = impl && impl->getHashType() == PDFStdTimeStamp::kSha1 ? EVP_sha1() : EVP_sha512();
   Bytes digest;
   Bytes nonce(16);
@@ -104,7 +105,9 @@ bool requestToken(const PDFStdTimeStamp& tsa, const unsigned char* data, std::si
   // The client sends the first 8 bytes as the content of a DER INTEGER as
   // they stand: keep it positive and minimally encoded.
   nonce[0] = static_cast<unsigned char>((nonce[0] & 0x7f) | 0x01);
-  if (!tsa.LeImplementts(token, Bytes(), digest, nonce) || token.empty()) {
+  // An RFC 3161 client sends the digest; the closed services' clients hash
+  // the data themselves.
+  if (!tsa.LeImplementts(token, rfc3161 ? Bytes() : Bytes(data, data + size), digest, nonce) || token.empty()) {
     token.clear();
     setWhy(why, "the time-stamp authority gave no token");
     return false;

@@ -30,7 +30,7 @@ struct CmsSigner {
   const EVP_MD* digest = nullptr;
   CmsKind kind = CmsKind::kDetached;
   std::time_t signingTime = 0;
-  const PDFStdTimeStamp* timeStamp = nullptr;  // borrowed; null for none
+  const PDF_Vellum::TimeStamp* timeStamp = nullptr;  // borrowed; null for none
 };
 
 // The DER of a SignedData over `data`, with a signature time stamp when the
@@ -40,7 +40,7 @@ bool buildCms(const CmsSigner& signer, const unsigned char* data, std::size_t si
 
 // A token from `tsa` over the digest of `data` (or of the bytes given),
 // taken with the client's hash.  False with why when none came.
-bool requestToken(const PDFStdTimeStamp& tsa, const unsigned char* data, std::size_t size, Bytes& token,
+bool requestToken(const PDF_Vellum::TimeStamp& tsa, const unsigned char* data, std::size_t size, Bytes& token,
                   std::string* why);
 
 }  // namespace sign
