@@ -5,9 +5,12 @@
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -15,6 +18,7 @@
 #include "pdfsealmark/http/HttpConnect.h"
 #include "pdfsealmark/http/HttpPost.h"
 #include "pdfsealmark/http/HttpWinInet.h"
+#include "pdfsealmark/platform/WinInet.h"
 #include "support/test_tsa.h"
 
 namespace {
@@ -79,6 +83,10 @@ TEST(HttpExchange, BothPathsJudgeTheAnswer) {
            {"ShortBody", ok + "Content-Length: 100\r\n\r\nonly this", -2004, "old", -2004, ""},
            {"NegativeLength", ok + "Content-Length: -1\r\n\r\nhello", -2004, "old", kAny, ""},
            {"AbsurdLength", ok + "Content-Length: 99999999999\r\n\r\nhello", -2004, "old", -9998, ""},
+           // Numbers saturate instead of wrapping: 2^32 + 200 is no 200,
+           // 2^32 + 5 no 5.
+           {"StatusWraps", "HTTP/1.1 4294967496 OK\r\nContent-Length: 2\r\n\r\nhi", -1001, "hi", kAny, ""},
+           {"LengthWraps", ok + "Content-Length: 4294967301\r\n\r\nhello", -2004, "old", kAny, ""},
            {"Nothing", "", -2004, "", -1005, ""},
            // A Content-Length line ending in its colon throws inside the
            // parser; the socket path catches it.
@@ -160,6 +168,58 @@ TEST(HttpFailures, BeforeAnyAnswer) {
   // The WinInet path: no host, nothing listens.
   EXPECT_FALSE(le::HttpWinInetPost("http:///x", "", bytes("q"), response));
   EXPECT_FALSE(le::HttpWinInetPost("http://127.0.0.1:1/", "", bytes("q"), response));
+}
+
+// Announces 100 bytes, then sends one every half second for as long as
+// the client listens; then the next connection.
+const char kTrickle[] = R"(exec python3 -c '
+import socket, time
+s = socket.socket(); s.bind(("127.0.0.1", 0)); s.listen(8)
+print("ACCEPT 127.0.0.1:%d" % s.getsockname()[1], flush=True)
+while True:
+    c, _ = s.accept()
+    try:
+        c.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n")
+        while True: c.sendall(b"x"); time.sleep(0.5)
+    except OSError: c.close()
+')";
+
+bool post(bool winInet, const std::string& url) {
+  Bytes response;
+  return winInet ? le::HttpWinInetPost(url.c_str(), "", bytes("q"), response)
+                 : le::HttpConnectPost(url.c_str(), "", bytes("q"), response);
+}
+
+TEST(HttpSlowPeer, DeadlineEndsATrickleAndCancellingAnExchangeUnwinds) {
+  sealtest::Peer trickle(kTrickle);
+  const std::string url = trickle.url("/t");
+  le::platform::setExchangeDeadlineSeconds(2);
+  for (bool winInet : {false, true}) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(post(winInet, url)) << winInet;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8)) << winInet;
+  }
+  le::platform::setExchangeDeadlineSeconds(120);
+  // A caller that cancels a thread blocked in an exchange gets the thread
+  // back cancelled; swallowing glibc's unwind would abort the process.
+  for (bool winInet : {false, true}) {
+    std::pair<bool, std::string> job{winInet, url};
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void* arg) -> void* {
+                    auto* j = static_cast<std::pair<bool, std::string>*>(arg);
+                    post(j->first, j->second);
+                    return nullptr;
+                  },
+                  &job),
+              0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED) << winInet;
+  }
 }
 
 TEST(HttpsExchange, OnlyAServerOfATrustedRootIsTalkedTo) {

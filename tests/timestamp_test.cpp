@@ -3,6 +3,7 @@
 // `openssl ts -verify`, canned answers, the probe file, the facades.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,7 +48,8 @@ TEST(ExtractToken, StatusDecidesAndTheRestIsTheToken) {
             {"", "30", "3105 3003020100", "3080 3003020100", "3085 0000000005 3003020100",
              "308100 3003020100", "308109 3003020100 aabbcc", "3005 0203020100"}},
            // a rejection, a PKIStatusInfo length in long form, a status that isn't an INTEGER
-           {-2, {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100"}},
+           {-2, {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100",
+             "3012 300b 0209010000000000000000 3003020105"}},  // 2^64 doesn't fit
            {-9, {"3082 01", "3005 30", "3007 30030202 00", "3004 300302"}}}) {
     for (const std::string& response : responses) {
       const Bytes in = hex(response);
@@ -228,6 +230,10 @@ TEST(TimeStampProbe, WritesTheTokenOfAnAllZeroRequest) {
     PDFStdTimeStamp(url, "", "", 2).OnImplementts();
     EXPECT_NE(::access("response.tsr", F_OK), 0) << url;
   }
+  // Only a file of that name goes, never a directory.
+  ASSERT_EQ(::mkdir("response.tsr", 0700), 0);
+  PDFStdTimeStamp(web.url("refusal"), "", "", 2).OnImplementts();
+  EXPECT_EQ(::access("response.tsr", F_OK), 0);
   EXPECT_EQ(::chdir(old), 0);
   std::free(old);
   EXPECT_EQ(written, hex("3005020107aabb"));

@@ -8,6 +8,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -218,7 +219,7 @@ bool Request::send(const std::string& headers, const void* body, std::uint32_t b
   set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds) == CURLE_OK;
   // A byte now and then keeps the low-speed check content; this doesn't.
-  set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT, kExchangeDeadlineSeconds) == CURLE_OK;
+  set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT, exchangeDeadlineSeconds()) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Request::onHeader) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_HEADERDATA, this) == CURLE_OK;
   set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Request::onBody) == CURLE_OK;
@@ -369,6 +370,13 @@ WinInetApi& winInet() {
   static CurlWinInet api;
   return api;
 }
+
+namespace {
+std::atomic<long> deadlineSeconds{120};
+}  // namespace
+
+long exchangeDeadlineSeconds() { return deadlineSeconds.load(std::memory_order_relaxed); }
+void setExchangeDeadlineSeconds(long seconds) { deadlineSeconds.store(seconds, std::memory_order_relaxed); }
 
 }  // namespace platform
 }  // namespace le

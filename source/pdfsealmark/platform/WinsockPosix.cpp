@@ -18,7 +18,7 @@ namespace platform {
 
 namespace {
 
-// Every socket's exchange ends kExchangeDeadlineSeconds after the socket was
+// Every socket's exchange ends exchangeDeadlineSeconds() after the socket was
 // made: the idle time-out alone lets a peer that trickles a byte now and
 // then hold a caller for ever.
 // A socket lives within one call on one thread, so the table is per thread.
@@ -60,7 +60,7 @@ SOCKET socket(int family, int type, int protocol) {
   // Failing to set a time-out leaves a working, if less careful, socket.
   (void)::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &idle, sizeof idle);
   (void)::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &idle, sizeof idle);
-  deadlines[s] = std::chrono::steady_clock::now() + std::chrono::seconds(kExchangeDeadlineSeconds);
+  deadlines[s] = std::chrono::steady_clock::now() + std::chrono::seconds(exchangeDeadlineSeconds());
   return s;
 }
 
