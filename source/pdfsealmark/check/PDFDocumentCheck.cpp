@@ -514,88 +514,85 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
   if (intact) s.problem.clear();
 }
 
-// The pass.  This thread reads chunks into a small ring of buffers, scans
-// them for markers and digests its share of the signatures; with more than
-// one worker, the other signatures are digested on threads of their own,
-// each taking every chunk in order.  A buffer is reused once every worker
-// is past it, so memory is the ring, whatever the file's size.
+// The pass.  Chunks are read in order into a small ring of buffers; the
+// marker scan goes with the reading.  Every signature's digests must take
+// the chunks in order, but no signature belongs to a thread: whichever
+// thread is free does the next piece of work, reading the next chunk when a
+// buffer is free, or else feeding the chunk a signature waits for, laggards
+// first.  So three signatures keep two cores busy to the end instead of
+// leaving one core with two of them.  A buffer is reused once every
+// signature is past it, so memory is the ring, whatever the file's size.
 bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>& jobs, MarkerScanner& markers,
               unsigned threads) {
-  constexpr std::size_t kSlots = 4;
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
-  const std::size_t workers = std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size()));
-  // Biggest signatures first, each to the least loaded worker; this thread
-  // starts with the reading and the marker scan as its load.
-  std::vector<std::vector<Job*>> share(workers);
-  std::vector<std::uint64_t> load(workers, 0);
-  load[0] = fileSize / 4;
-  std::vector<Job*> bySize = jobs;
-  std::sort(bySize.begin(), bySize.end(),
-            [](Job* a, Job* b) { return a->range[1] + a->range[3] > b->range[1] + b->range[3]; });
-  for (Job* job : bySize) {
-    const std::size_t w = static_cast<std::size_t>(std::min_element(load.begin(), load.end()) - load.begin());
-    share[w].push_back(job);
-    load[w] += job->range[1] + job->range[3];
-  }
-
+  // One thread reads while the others digest; more than one per signature
+  // would only wait.
+  const std::size_t workers = std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size() + 1));
   struct Slot {
     std::vector<unsigned char> bytes = std::vector<unsigned char>(MarkerScanner::kCarry + kChunk);
     unsigned char* data() { return bytes.data() + MarkerScanner::kCarry; }
     std::size_t size = 0;
     std::uint64_t offset = 0;
   };
-  std::vector<Slot> slots(workers > 1 ? kSlots : 1);
+  std::vector<Slot> slots(workers > 1 ? 2 * workers + 2 : 1);
   std::mutex mutex;
   std::condition_variable changed;
-  std::uint64_t produced = 0;  // chunks published
-  bool finished = false;
-  std::vector<std::uint64_t> consumed(workers, 0);  // chunks each helper is done with
+  std::uint64_t produced = 0;  // chunks read
+  std::uint64_t offset = 0;    // bytes read
+  bool reading = false, atEnd = fileSize == 0;
+  std::vector<std::uint64_t> next(jobs.size(), 0);  // each signature's next chunk
+  std::vector<char> busy(jobs.size(), 0);
 
-  auto helper = [&](std::size_t w) {
-    for (std::uint64_t i = 0;; ++i) {
-      {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return produced > i || finished; });
-        if (produced <= i) return;
+  // Every signature is done with the chunk that last filled slot `i`'s buffer.
+  auto slotFree = [&](std::uint64_t i) {
+    return i < slots.size() ||
+           std::all_of(next.begin(), next.end(), [&](std::uint64_t n) { return n + slots.size() > i; });
+  };
+  auto work = [&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+      if (!reading && !atEnd && slotFree(produced)) {
+        reading = true;
+        const std::uint64_t i = produced;
+        lock.unlock();
+        Slot& slot = slots[i % slots.size()];
+        in.read(reinterpret_cast<char*>(slot.data()), static_cast<std::streamsize>(kChunk));
+        slot.size = static_cast<std::size_t>(in.gcount());
+        slot.offset = offset;
+        const bool last = slot.size == 0 || offset + slot.size >= fileSize;
+        if (slot.size > 0) markers.feed(slot.data(), slot.size, slot.offset, last);
+        lock.lock();
+        reading = false;
+        offset += slot.size;
+        if (slot.size > 0) produced = i + 1;
+        atEnd = last;
+        changed.notify_all();
+        continue;
       }
-      Slot& slot = slots[i % slots.size()];
-      for (Job* job : share[w]) job->consume(slot.data(), slot.size, slot.offset);
-      std::lock_guard<std::mutex> lock(mutex);
-      consumed[w] = i + 1;
-      changed.notify_all();
+      std::size_t pick = jobs.size();
+      for (std::size_t j = 0; j < jobs.size(); ++j) {
+        if (!busy[j] && next[j] < produced && (pick == jobs.size() || next[j] < next[pick])) pick = j;
+      }
+      if (pick < jobs.size()) {
+        busy[pick] = 1;
+        Slot& slot = slots[next[pick] % slots.size()];
+        lock.unlock();
+        jobs[pick]->consume(slot.data(), slot.size, slot.offset);
+        lock.lock();
+        busy[pick] = 0;
+        ++next[pick];
+        changed.notify_all();
+        continue;
+      }
+      const bool done = atEnd && !reading &&
+                        std::all_of(next.begin(), next.end(), [&](std::uint64_t n) { return n == produced; });
+      if (done) return;
+      changed.wait(lock);
     }
   };
   std::vector<std::thread> helpers;
-  for (std::size_t w = 1; w < workers; ++w) helpers.emplace_back(helper, w);
-
-  std::uint64_t offset = 0;
-  for (std::uint64_t i = 0; offset < fileSize; ++i) {
-    Slot& slot = slots[i % slots.size()];
-    if (workers > 1 && i >= slots.size()) {
-      std::unique_lock<std::mutex> lock(mutex);
-      changed.wait(lock, [&] {
-        return std::all_of(consumed.begin() + 1, consumed.end(),
-                           [&](std::uint64_t c) { return c + slots.size() > i; });
-      });
-    }
-    in.read(reinterpret_cast<char*>(slot.data()), static_cast<std::streamsize>(kChunk));
-    slot.size = static_cast<std::size_t>(in.gcount());
-    slot.offset = offset;
-    if (slot.size == 0) break;
-    offset += slot.size;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      produced = i + 1;
-      changed.notify_all();
-    }
-    for (Job* job : share[0]) job->consume(slot.data(), slot.size, slot.offset);
-    markers.feed(slot.data(), slot.size, slot.offset, offset >= fileSize);
-  }
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    finished = true;
-    changed.notify_all();
-  }
+  for (std::size_t w = 1; w < workers; ++w) helpers.emplace_back(work);
+  work();
   for (std::thread& t : helpers) t.join();
   return offset == fileSize;
 }
