@@ -43,6 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto& s = result.signatures[i];
     PDF_Sealmark::PDFSealmarkVerify v;
     v.parse(fields[i]);
+    // The time stamp is the verifier's own answer.
+    if (s.hasTimeStamp != v.getHasTimeStamp() || (s.hasTimeStamp && s.timeStampStatus != v.verifyTimeStamp()))
+      std::abort();
     if (!v.getHasSigned() || s.kind != PDF_Sealmark::PDFDocumentCheck::Kind::kSignature) continue;
     if (s.problem.find("too many") != std::string::npos) continue;
     if (!PKCS7_type_is_signed(v.getImpl()->pkcs7) || !digestSetNamesEverySigner(v.getImpl()->pkcs7)) continue;
