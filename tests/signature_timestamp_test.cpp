@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "pdfsealmark/PDFDocumentCheck.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/PDFStdTimeStamp.h"
 #include "pdfsealmark/openssl_ptr.h"
@@ -158,6 +159,36 @@ TEST_F(SignatureTimeStamp, PfuFilterNeedsItsLibraryEvenForAPkcs7Token) {
   PDF_Sealmark::PDFSealmarkVerify unsignedField;
   EXPECT_FALSE(unsignedField.getHasTimeStamp());
   EXPECT_EQ(unsignedField.verifyTimeStamp(), 3);
+}
+
+}  // namespace
+
+namespace {
+
+// Tokens of other producers' files: every signature's time stamp holds,
+// except one whose certificate set the PKCS#7 decoder refuses.
+TEST(SignatureTimeStampCorpus, OtherProducersTokens) {
+  using Check = PDF_Sealmark::PDFDocumentCheck;
+  const struct {
+    const char* file;
+    int status;
+  } kFiles[] = {{"dss/validation/doc-firmado-T.pdf", 0},
+                {"pyhanko/minimal-signed-twice-second-created.pdf", 0},
+                {"endesive/test-SHA256_RSA-signed-cms.pdf", 0},
+                {"dss/validation/pkcs7_sha1.pdf", 3}};
+  for (const auto& f : kFiles) {
+    Check::Result result;
+    ASSERT_TRUE(Check::check(std::string(SEALMARK_CORPUS_DIR) + "/" + f.file, "", result, nullptr)) << f.file;
+    int stamped = 0;
+    for (const Check::Signature& s : result.signatures) {
+      if (!s.hasTimeStamp) continue;
+      ++stamped;
+      EXPECT_EQ(s.timeStampStatus, f.status) << f.file << " " << s.field;
+      EXPECT_EQ(s.timeStampSource, "rfc3161") << f.file;
+      EXPECT_EQ(s.timeStampTime.empty(), f.status == 3) << f.file;
+    }
+    EXPECT_GE(stamped, 1) << f.file;
+  }
 }
 
 }  // namespace
