@@ -1,6 +1,7 @@
 // sealmark store: the system's certificate stores (on Linux, the NSS
 // database): list them, import a PKCS#12 file, add, export and delete a
 // certificate.
+#include <sys/stat.h>
 #include <unicode/unistr.h>
 
 #include <cerrno>
@@ -269,6 +270,16 @@ int runStore(const Args& args) {
   if (!parser.parse(args, operands, exitCode)) return exitCode;
   if (operands.empty()) return parser.usageError("no subcommand given", exitCode), exitCode;
   const std::string& sub = operands[0];
+  // The library answers an unopenable database with empty stores; a
+  // database named by hand that isn't there is worth saying so.
+  if (const char* db = std::getenv("SEALMARK_NSSDB"); db != nullptr && *db != '\0') {
+    const std::string dir = std::string(db).compare(0, 4, "sql:") == 0 ? db + 4 : db;
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      complain(dir, "no such database directory ($SEALMARK_NSSDB)");
+      return kExitUsage;
+    }
+  }
   usePin(pin);
   PDFCertWinStore store;
   if (sub == "list") return list(store, operands, json);
