@@ -66,8 +66,8 @@ bool CertDeleteCertificateFromStore(PCCERT_CONTEXT context);
 
 void* CryptMemAlloc(std::uint32_t size);
 void CryptMemFree(void* memory);
-// Decodes a PKCS#12 file with NSS's decoder, checks its integrity with the
-// password and imports its keys and certificates into the database's
+// Checks a PKCS#12 file's integrity (its MAC) with the password, decodes it
+// with NSS's decoder and imports its keys and certificates into the database's
 // token.  Gives a store of the file's certificates in the file's order, or
 // null; on a wrong password nothing is imported.
 HCERTSTORE PFXImportCertStore(const CRYPT_DATA_BLOB* pfx, const wchar_t* password, std::uint32_t flags);

@@ -270,6 +270,22 @@ SECItem* nicknameFor(SECItem* oldNickname, PRBool* cancel, void* arg) {
   return item;
 }
 
+// NSS's decoder loses memory inside its nested PKCS#7 decoder on some
+// malformed files, and what a file holds is anybody's until its MAC holds.
+// So the decoder only sees files whose integrity OpenSSL has checked with
+// the same password first; NSS takes no file without a MAC anyway.
+bool integrityHolds(const CRYPT_DATA_BLOB* pfx, const wchar_t* password) {
+  std::string utf8;
+  wideText(password).toUTF8String(utf8);
+  ERR_set_mark();
+  const unsigned char* p = pfx->pbData;
+  ossl::UniquePtr<PKCS12> p12(d2i_PKCS12(nullptr, &p, static_cast<long>(pfx->cbData)));
+  const bool holds = p12 && PKCS12_mac_present(p12.get()) == 1 &&
+                     PKCS12_verify_mac(p12.get(), utf8.c_str(), static_cast<int>(utf8.size())) == 1;
+  ERR_pop_to_mark();
+  return holds;
+}
+
 }  // namespace
 
 HCERTSTORE CertOpenSystemStoreA(HCRYPTPROV, const char* name) {
@@ -367,6 +383,7 @@ void CryptMemFree(void* memory) { std::free(memory); }
 
 HCERTSTORE PFXImportCertStore(const CRYPT_DATA_BLOB* pfx, const wchar_t* password, std::uint32_t) {
   if (pfx == nullptr || pfx->pbData == nullptr || pfx->cbData == 0 || !nss::ready()) return nullptr;
+  if (!integrityHolds(pfx, password)) return nullptr;
   nss::logInTokens();
   PK11SlotInfo* slot = PK11_GetInternalKeySlot();
   if (slot == nullptr) return nullptr;
