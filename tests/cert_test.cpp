@@ -11,7 +11,7 @@
 
 #include "pdfsealmark/PDFCert.h"
 #include "pdfsealmark/cert/PDFCertImpl.h"
-#include "pdfsealmark/cert/PDFCertWinImpl.h"
+#include "pdfsealmark/winstore/PDFCertWinImpl.h"
 #include "pdfsealmark/openssl_ptr.h"
 #include "support/test_tsa.h"
 #include "support/test_util.h"

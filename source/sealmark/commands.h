@@ -4,6 +4,7 @@
 #ifndef SEALMARK_COMMANDS_H
 #define SEALMARK_COMMANDS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,12 @@ int runSign(const Args& args);
 extern const char kSignHelp[];
 int runTimestampDocument(const Args& args);
 extern const char kTimestampDocumentHelp[];
+int runStore(const Args& args);
+extern const char kStoreHelp[];
+
+// Hands a PIN given on the command line to the library's certificate
+// stores (through $SEALMARK_PIN), for tokens that need one.
+void usePin(const std::optional<std::string>& pin);
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

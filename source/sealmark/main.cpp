@@ -17,8 +17,9 @@ const char kUsage[] =
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
-    "  sign       sign a PDF file with a PKCS#12 key (an incremental update)\n"
+    "  sign       sign a PDF file with a PKCS#12 key or a key in the store (incremental update)\n"
     "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
+    "  store      list, import, add, export and delete certificates of the system's stores\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -37,6 +38,7 @@ const Command kCommands[] = {
     {"revocation", sealmark::runRevocation},
     {"sign", sealmark::runSign},
     {"timestamp-document", sealmark::runTimestampDocument},
+    {"store", sealmark::runStore},
 };
 
 }  // namespace

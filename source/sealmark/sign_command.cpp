@@ -4,30 +4,39 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "args.h"
 #include "commands.h"
+#include "pdfsealmark/PDFCertWinStore.h"
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/PDFSigner.h"
 
 namespace sealmark {
 
 const char kSignHelp[] =
-    "usage: sealmark sign IN --output OUT --p12 FILE [--password PW] [--field NAME] [--page N]\n"
+    "usage: sealmark sign IN --output OUT (--p12 FILE [--password PW] | --store-cert SHA1 [--pin PIN])\n"
+    "                     [--field NAME] [--page N]\n"
     "                     [--digest sha256|sha1|sha384|sha512] [--subfilter pkcs7|cades|sha1]\n"
     "                     [--certify 1|2|3] [--reason TEXT] [--location TEXT]\n"
     "                     [--timestamp-url URL [--timestamp-user U --timestamp-password P]]\n"
     "                     [--doc-password PW]\n"
     "\n"
-    "Signs IN with the key and certificate of a PKCS#12 file and writes OUT: IN's\n"
-    "bytes unchanged, followed by an incremental update with the signature.\n"
+    "Signs IN with the key and certificate of a PKCS#12 file, or of a certificate\n"
+    "in the store MY whose key stays in its token, and writes OUT: IN's bytes\n"
+    "unchanged, followed by an incremental update with the signature.\n"
     "\n"
     "  --output OUT          the signed file (replaced atomically)\n"
     "  --p12 FILE            PKCS#12 file with the signer's key and certificate\n"
     "  --password PW         its password\n"
     "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
+    "  --store-cert SHA1     the certificate of the store MY with this SHA-1, whose\n"
+    "                        key signs in its token (RSA, PKCS#1 v1.5); the chain\n"
+    "                        the store builds for it is embedded\n"
+    "  --pin PIN             PIN of that token, when it needs one\n"
+    "  --pin-file FILE       the same, from FILE's first line (- for stdin)\n"
     "  --field NAME          an existing empty signature field to sign, or the name\n"
     "                        of a new one (default: SignatureN)\n"
     "  --page N              page of a new field's invisible widget (default 1)\n"
@@ -113,17 +122,41 @@ int finish(bool ok, const std::string& input, const std::string& output, const s
   return kExitOk;
 }
 
+// The certificate of MY with this SHA-1 and its key, which stays in its
+// token; the rest of the chain the store builds goes into the signature.
+bool signerFromStore(const std::string& sha1, const std::optional<std::string>& pin,
+                     PDF_Sealmark::PDFCert& signer, PDF_Sealmark::PDFSigner::Options& options) {
+  usePin(pin);
+  PDF_Sealmark::PDFCertWinStore store;
+  if (!store.getByHash(signer, sha1, PDF_Sealmark::PDFCertWinStore::kMy) || signer.getPKey() == 0) {
+    // Store 7 is MY without taking keys along: is the certificate there?
+    PDF_Sealmark::PDFCert listed;
+    complain(sha1, store.getByHash(listed, sha1, 7)
+                       ? "its private key can't sign through the store (only RSA keys can)"
+                       : "no certificate with this SHA-1 and a private key in the store MY (a token "
+                         "that needs a PIN needs --pin)");
+    return false;
+  }
+  std::vector<PDF_Sealmark::PDFCert> chain;
+  store.getCertChain(chain, signer);
+  if (chain.size() > 1) options.extraCertificates.assign(chain.begin() + 1, chain.end());
+  return true;
+}
+
 }  // namespace
 
 int runSign(const Args& args) {
   using PDF_Sealmark::PDFSigner;
   std::string output, p12, password, page = "1", digest = "sha256", subFilter = "pkcs7", certify = "0";
-  std::string tsaUrl, tsaUser, tsaPassword;
+  std::string tsaUrl, tsaUser, tsaPassword, storeCert;
+  std::optional<std::string> pin;
   PDFSigner::Options options;
   ArgParser parser("sign", kSignHelp);
   parser.value("--output", &output)
       .value("--p12", &p12)
       .secret("--password", &password)
+      .value("--store-cert", &storeCert)
+      .secret("--pin", &pin)
       .value("--field", &options.fieldName)
       .value("--page", &page)
       .value("--digest", &digest)
@@ -138,7 +171,12 @@ int runSign(const Args& args) {
   std::vector<std::string> inputs;
   int exitCode = kExitOk;
   if (!parser.parse(args, inputs, exitCode) || !oneInput(parser, inputs, output, exitCode)) return exitCode;
-  if (p12.empty()) return parser.usageError("--p12 is required", exitCode), exitCode;
+  if (p12.empty() == storeCert.empty()) {
+    return parser.usageError(p12.empty() ? "--p12 or --store-cert is required"
+                                         : "--p12 and --store-cert exclude each other",
+                             exitCode),
+           exitCode;
+  }
   if (tsaUser.empty() != tsaPassword.empty()) {
     return parser.usageError("--timestamp-user and --timestamp-password go together", exitCode), exitCode;
   }
@@ -167,11 +205,15 @@ int runSign(const Args& args) {
     return parser.usageError("--page must be a number, not '" + page + "'", exitCode), exitCode;
   }
 
-  std::ifstream in(p12, std::ios::binary);
   PDF_Sealmark::PDFCert signer;
-  if (!in || !signer.loadPkcs12(in, password.c_str())) {
-    complain(p12, in ? "not a PKCS#12 file, or wrong password" : "can't be read");
-    return kExitUsage;
+  if (!storeCert.empty()) {
+    if (!signerFromStore(storeCert, pin, signer, options)) return kExitUsage;
+  } else {
+    std::ifstream in(p12, std::ios::binary);
+    if (!in || !signer.loadPkcs12(in, password.c_str())) {
+      complain(p12, in ? "not a PKCS#12 file, or wrong password" : "can't be read");
+      return kExitUsage;
+    }
   }
   std::unique_ptr<PDF_Sealmark::PDFStdTimeStamp> tsa;
   if (!tsaUrl.empty()) {

@@ -3,7 +3,7 @@
 #include <new>
 
 #include "pdfsealmark/cert/PDFCertImpl.h"
-#include "pdfsealmark/cert/PDFCertWinImpl.h"
+#include "pdfsealmark/winstore/PDFCertWinImpl.h"
 #include "pdfsealmark/openssl_init.h"
 
 namespace PDF_Sealmark {

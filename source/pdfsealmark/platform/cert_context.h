@@ -3,11 +3,13 @@
 // The library calls these under the names of the CryptoAPI operations they
 // stand for, so that the certificate code reads the same on every platform.
 // On Linux a context is a counted object holding the certificate's encoded
-// bytes; the certificate store (when it stands) hands out the same objects.
+// bytes and the name of the system store it was found in; the stores of
+// cert_store.h hand out the same objects.
 #ifndef PDFSEALMARK_PLATFORM_CERT_CONTEXT_H
 #define PDFSEALMARK_PLATFORM_CERT_CONTEXT_H
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace PDF_Sealmark {
@@ -21,6 +23,7 @@ constexpr std::uint32_t CERT_STORE_CERTIFICATE_CONTEXT = 1;
 struct CertContext {
   std::uint32_t encodingType = 0;
   std::vector<unsigned char> encoded;  // the certificate as its encoding gives it
+  std::string store;                   // "MY", "ADDRESSBOOK", "ROOT"; empty when made from bytes
   int references = 1;                  // CertDuplicate/CertFree count it
 };
 using PCCERT_CONTEXT = const CertContext*;

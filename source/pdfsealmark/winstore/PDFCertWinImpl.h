@@ -1,8 +1,9 @@
 // Internal: the platform's view of a PDFCert's certificate, a certificate
-// context, for the certificate dialog and the store operations.  Nothing in
-// PDFCertImpl reads it.
-#ifndef PDFSEALMARK_CERT_PDFCERTWINIMPL_H
-#define PDFSEALMARK_CERT_PDFCERTWINIMPL_H
+// context, for the certificate dialog and the store operations; and the
+// step that turns a certificate of a system store into a PDFCert whose key
+// stays in the system.  Nothing in PDFCertImpl reads the context.
+#ifndef PDFSEALMARK_WINSTORE_PDFCERTWINIMPL_H
+#define PDFSEALMARK_WINSTORE_PDFCERTWINIMPL_H
 
 #include <cstdint>
 
@@ -25,6 +26,14 @@ class PDFCertWinImpl : public TesseraCommon::TSRCObject {
   bool hasContext() const { return context != nullptr; }
   platform::PCCERT_CONTEXT getContext() const { return context; }
 
+  // Takes a certificate of the system into this object (one more reference
+  // to context; the caller keeps its own) and into impl.  With withKey, and
+  // when the platform has a private key for it, impl also gets an EVP_PKEY
+  // whose private operations go to the platform (capi_rsa.h).  True also
+  // when there turns out to be no key; false for a null context, a
+  // certificate that can't be decoded, or a key that isn't RSA (then the
+  // certificate and context stand, without key).
+  bool setWinCert(PDFCertImpl* impl, platform::PCCERT_CONTEXT context, bool withKey);
   // Makes context from the certificate that impl holds (replacing the one
   // held).  False when impl holds none or it can't be encoded; then the
   // context held stays.
