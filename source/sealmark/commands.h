@@ -27,6 +27,8 @@ int runSign(const Args& args);
 extern const char kSignHelp[];
 int runTimestampDocument(const Args& args);
 extern const char kTimestampDocumentHelp[];
+int runReport(const Args& args);
+extern const char kReportHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

@@ -19,6 +19,7 @@ const char kUsage[] =
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
     "  sign       sign a PDF file with a PKCS#12 key (an incremental update)\n"
     "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
+    "  report     draw a signed PDF's revisions and signatures as an HTML page\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -37,6 +38,7 @@ const Command kCommands[] = {
     {"revocation", sealmark::runRevocation},
     {"sign", sealmark::runSign},
     {"timestamp-document", sealmark::runTimestampDocument},
+    {"report", sealmark::runReport},
 };
 
 }  // namespace
