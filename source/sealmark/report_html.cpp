@@ -415,7 +415,7 @@ ul.legend svg { width: 2.2rem; height: 1rem; vertical-align: middle; margin-righ
 .card.ok-card { border-left-color: var(--ok); } .card.bad-card { border-left-color: var(--bad); border-left-style: double; }
 dl { display: grid; grid-template-columns: 10rem 1fr; gap: .15rem .8rem; margin: 0; }
 dt { font-weight: 600; } dd { margin: 0; word-break: break-word; }
-dl dl { grid-column: 1 / -1; margin-left: 1rem; }
+dd dl { grid-template-columns: max-content 1fr; }
 .verdict-bad { color: var(--bad); font-weight: 700; } .verdict-ok { color: var(--ok); font-weight: 700; }
 .flag { background: var(--flag-bg); color: var(--flag); border: 2px solid var(--flag); padding: .3rem .6rem;
   font-weight: 600; }
@@ -509,8 +509,8 @@ void writeTimeline(std::ostream& out, const DocumentReport& doc, const Scale& sc
 
   out << "<ol class=\"revisions\" start=\"0\">\n";
   for (const Scale::Segment& s : scale.segments()) {
-    out << "<li value=\"" << s.first << "\"" << (s.first != s.last || s.tail ? " style=\"list-style:none\"" : "")
-        << ">"
+    out << "<li value=\"" << s.first << "\""
+        << (s.first != s.last || s.tail ? " style=\"list-style:none\"" : "") << ">"
         << (s.first != s.last || s.tail ? text(revisionName(s)) + ": " : "") << "bytes " << number(s.start)
         << "\xE2\x80\x93" << number(s.end) << " (" << number(s.end - s.start) << ")";
     std::vector<std::string> sealed;
@@ -632,15 +632,9 @@ void writeValue(std::ostream& out, const Json& value, int depth);
 void writeEntries(std::ostream& out, const Json& object, int depth) {
   out << "<dl>";
   for (auto it = object.begin(); it != object.end(); ++it) {
-    out << "<dt>" << text(label(it.key())) << "</dt>";
-    if (it.value().is_object() && depth < 3) {
-      out << "<dd></dd>";
-      writeEntries(out, it.value(), depth + 1);
-    } else {
-      out << "<dd>";
-      writeValue(out, it.value(), depth + 1);
-      out << "</dd>";
-    }
+    out << "<dt>" << text(label(it.key())) << "</dt><dd>";
+    writeValue(out, it.value(), depth + 1);
+    out << "</dd>";
   }
   out << "</dl>";
 }
@@ -651,7 +645,11 @@ void writeValue(std::ostream& out, const Json& value, int depth) {
   } else if (value.is_boolean()) {
     out << (value.get<bool>() ? "yes" : "no");
   } else if (value.is_string()) {
-    out << text(value.get<std::string>());
+    // Times come as "YYYYMMDDHHMMSSZ", as everywhere in verify's JSON.
+    const std::string& s = value.get_ref<const std::string&>();
+    const bool time = s.size() == 15 && s.back() == 'Z' &&
+                      std::all_of(s.begin(), s.end() - 1, [](char c) { return c >= '0' && c <= '9'; });
+    out << text(time ? displayTime(s) : s);
   } else if (value.is_number()) {
     out << text(value.dump());
   } else if (value.is_array()) {

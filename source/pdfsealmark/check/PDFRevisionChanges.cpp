@@ -418,7 +418,7 @@ bool readAll(FileBytes& bytes, const std::string& password, PDFRevisionChanges::
     r.end = last = end;
     result.revisions.push_back(r);
   }
-  if (last < bytes.size() || result.revisions.empty()) {
+  if (last < bytes.size()) {
     Revision r;
     r.start = last;
     r.end = bytes.size();
