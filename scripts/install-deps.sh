@@ -12,7 +12,7 @@ packages=(
   libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev libnss3-dev
-  poppler-utils python3
+  poppler-utils python3 chromium
   slapd ldap-utils
   libnss3-tools softhsm2
 )

@@ -34,6 +34,8 @@ extern const char kStoreHelp[];
 // Hands a PIN given on the command line to the library's certificate
 // stores (through $SEALMARK_PIN), for tokens that need one.
 void usePin(const std::optional<std::string>& pin);
+int runReport(const Args& args);
+extern const char kReportHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);

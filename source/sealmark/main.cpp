@@ -20,6 +20,7 @@ const char kUsage[] =
     "  sign       sign a PDF file with a PKCS#12 key or a key in the store (incremental update)\n"
     "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
     "  store      list, import, add, export and delete certificates of the system's stores\n"
+    "  report     draw a signed PDF's revisions and signatures as an HTML page\n"
     "\n"
     "Run 'sealmark COMMAND --help' for the options of a command.\n"
     "\n"
@@ -39,6 +40,7 @@ const Command kCommands[] = {
     {"sign", sealmark::runSign},
     {"timestamp-document", sealmark::runTimestampDocument},
     {"store", sealmark::runStore},
+    {"report", sealmark::runReport},
 };
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "output.h"
 #include "report.h"
+#include "report_html.h"
 
 namespace sealmark {
 
@@ -249,6 +250,8 @@ struct Outcome {
 };
 
 }  // namespace
+
+Json verifyJson(const DocumentReport& report) { return documentJson(report); }
 
 int runVerify(const Args& args) {
   VerifyOptions opts;
