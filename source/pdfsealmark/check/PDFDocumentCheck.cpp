@@ -485,16 +485,25 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
 bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>& jobs, MarkerScanner& markers,
               unsigned threads) {
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  // Buffers no larger than the file and no more of them than it has chunks,
+  // left uninitialised: over many small files, zeroing and faulting in a
+  // full ring per file costs more than reading them.
+  const std::size_t chunk =
+      static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, std::max<std::uint64_t>(fileSize, 1)));
+  const std::uint64_t chunks = (fileSize + chunk - 1) / chunk;
   // One thread reads while the others digest; more than one per signature
-  // would only wait.
-  const std::size_t workers = std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size() + 1));
+  // would only wait, and a file of a few chunks isn't worth a thread.
+  const std::size_t workers =
+      chunks <= 4 ? 1 : std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size() + 1));
   struct Slot {
-    std::vector<unsigned char> bytes = std::vector<unsigned char>(MarkerScanner::kCarry + kChunk);
-    unsigned char* data() { return bytes.data() + MarkerScanner::kCarry; }
+    std::unique_ptr<unsigned char[]> bytes;
+    unsigned char* data() { return bytes.get() + MarkerScanner::kCarry; }
     std::size_t size = 0;
     std::uint64_t offset = 0;
   };
-  std::vector<Slot> slots(workers > 1 ? 2 * workers + 2 : 1);
+  std::vector<Slot> slots(static_cast<std::size_t>(
+      std::max<std::uint64_t>(1, std::min<std::uint64_t>(workers > 1 ? 2 * workers + 2 : 1, chunks))));
+  for (Slot& slot : slots) slot.bytes.reset(new unsigned char[MarkerScanner::kCarry + chunk]);
   std::mutex mutex;
   std::condition_variable changed;
   std::uint64_t produced = 0;  // chunks read
@@ -516,7 +525,7 @@ bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>&
         const std::uint64_t i = produced;
         lock.unlock();
         Slot& slot = slots[i % slots.size()];
-        in.read(reinterpret_cast<char*>(slot.data()), static_cast<std::streamsize>(kChunk));
+        in.read(reinterpret_cast<char*>(slot.data()), static_cast<std::streamsize>(chunk));
         slot.size = static_cast<std::size_t>(in.gcount());
         slot.offset = offset;
         const bool last = slot.size == 0 || offset + slot.size >= fileSize;
