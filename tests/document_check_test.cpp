@@ -133,4 +133,38 @@ TEST(DocumentCheck, ChecksASignatureDictionaryWithoutFilter) {
   EXPECT_EQ(s.problem, "the signature does not match the signed bytes");
 }
 
+// A file of many chunks with three signatures: digests shared out on
+// threads give the answers of one thread, and a byte changed in the middle
+// breaks exactly the signatures that cover it.
+TEST(DocumentCheck, SignaturesOfALargeFileOnThreads) {
+  sealtest::TempDir dir;
+  sealtest::Bytes blob(6u << 20);
+  std::uint64_t x = 88172645463325252u;  // xorshift: bytes that don't compress
+  for (unsigned char& b : blob) b = static_cast<unsigned char>((x ^= x << 13, x ^= x >> 7, x ^= x << 17));
+  sealtest::oracle("qpdf " + std::string(SEALMARK_SOURCE_DIR) + "/tests/data/two-pages.pdf --add-attachment " +
+                   dir.write("blob.bin", blob) + " -- " + dir.file("big.pdf"));
+  sealtest::Bytes pdf = sealtest::readFile(dir.file("big.pdf"));
+  const std::size_t firstEnd = pdf.size();
+  std::size_t bEnd = 0;
+  for (const char* field : {"A", "B", "C"}) {
+    bEnd = pdf.size();
+    pdf = sealtest::sign(pdf, sealtest::options(field));
+  }
+  for (std::size_t flipAt : {std::size_t(0), firstEnd / 2, bEnd + 50}) {
+    const sealtest::Bytes file = flipAt ? sealtest::flip(pdf, flipAt) : pdf;
+    Check::Result threads, one;
+    ASSERT_TRUE(Check::checkMemory(file, "", threads, nullptr, 2));
+    ASSERT_TRUE(Check::checkMemory(file, "", one, nullptr, 1));
+    EXPECT_EQ(threads.revisionEnds, one.revisionEnds);
+    EXPECT_EQ(threads.revisionEnds.size(), 4u);
+    ASSERT_EQ(threads.signatures.size(), 3u);
+    for (std::size_t s = 0; s < 3; ++s) {
+      // The last flip lands in C's update, which only C covers.
+      const bool broken = flipAt && (flipAt < firstEnd || s == 2);
+      EXPECT_EQ(threads.signatures[s].intact, broken ? 0 : 1) << flipAt << " " << s;
+      EXPECT_EQ(one.signatures[s].intact, threads.signatures[s].intact) << flipAt << " " << s;
+    }
+  }
+}
+
 }  // namespace
