@@ -708,9 +708,35 @@ bool handledKey(const std::string& key) {
                                          "coverage",
                                          "permission",
                                          "signer",
-                                         "certificates"};
+                                         "certificates",
+                                         "timestamp"};
   return std::find_if(std::begin(kHandled), std::end(kHandled), [&](const char* k) { return key == k; }) !=
          std::end(kHandled);
+}
+
+// The time stamp over the signature value, in words, with who made it.
+std::string timeStampWords(const FieldReport& f) {
+  if (!f.timeStamp) return "\xE2\x80\x94 (none)";
+  const TimeStampReport& t = *f.timeStamp;
+  static const char* const kWords[] = {"<span class=\"verdict-ok\">holds</span>",
+                                       "<span class=\"verdict-bad\">does not hold</span>",
+                                       "<span class=\"verdict-bad\">not for this signature</span>"};
+  std::string words = t.status >= 0 && t.status <= 2 ? kWords[t.status]
+                      : t.source                     ? "cannot be checked"
+                                                     : "cannot be checked: no library";
+  if (t.time) words += " " + text(displayTime(*t.time));
+  std::vector<std::string> about;
+  if (t.source) about.push_back(*t.source);
+  if (t.type) about.push_back(*t.type);
+  if (!t.certificates.empty()) {
+    const CertReport& c = t.certificates.front();
+    std::string name = attributeValue(c.subject, "2.5.4.3");
+    if (!name.empty()) about.push_back("by " + name);
+  }
+  std::string joined;
+  for (const std::string& part : about) joined += (joined.empty() ? "" : ", ") + part;
+  if (!joined.empty()) words += " <span class=\"muted\">(" + text(joined) + ")</span>";
+  return words;
 }
 
 void writeCard(std::ostream& out, const FieldReport& f, const Json& s, std::size_t index) {
@@ -741,6 +767,7 @@ void writeCard(std::ostream& out, const FieldReport& f, const Json& s, std::size
     row("Signing time", s.contains("signing_time") && s["signing_time"].is_string()
                             ? text(displayTime(s["signing_time"].get<std::string>()))
                             : "\xE2\x80\x94 (no signing-time attribute)");
+    if (f.kind != "document_timestamp") row("Time stamp", timeStampWords(f));
     row("Signed revision",
         f.revision ? number(std::size_t(*f.revision)) : "\xE2\x80\x94 (does not end at a revision)");
     std::string coverage = f.coversWholeDocument && *f.coversWholeDocument ? "the whole file" : "";
