@@ -15,8 +15,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace PDF_Sealmark;
   // Without the libraries nothing would be read at all.
-  static const bool loaded = loadAmanoLibrary() && loadPfuLibrary();
-  if (!loaded) std::abort();
+  if (!loadAmanoLibrary() || !loadPfuLibrary()) std::abort();
   const std::vector<unsigned char> token(data, data + size), signedData{'d', 'a', 't', 'a'};
   std::string text;
   std::vector<unsigned char> der;

@@ -43,7 +43,7 @@ bool inChildWithStandins() {
   const auto* test = UnitTest::GetInstance()->current_test_info();
   const auto r = run("SEALMARK_TEST_PKI=" + pki("") + " LD_LIBRARY_PATH=" + kStandins + " " + kSelf +
                      " --gtest_filter=" + test->test_suite_name() + "." + test->name());
-  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr("[  PASSED  ] 1 test."));
   return false;
 }
@@ -194,15 +194,14 @@ TEST_F(Closed, PfuSessionEndsWithLogout) {
 TEST_F(Closed, PfuReadsTokensOfOpensslTs) {
   WITH_STANDINS();
   // The imprint's length names the hash: 20 or 64 bytes, nothing else.
-  const std::string file = dir.write("data", data);
   for (const auto& [hash, name] : std::vector<std::pair<std::string, std::string>>{
            {"sha1", "SHA-1"}, {"sha256", ""}, {"sha512", "SHA-512"}}) {
     const std::string token = dir.file(hash + ".tst");
-    run("cd " + pki("") + " && openssl ts -query -data " + file + " -" + hash +
-        " -cert | openssl ts -reply " +
-        "-config ext.cnf -section tsa_section -queryfile /dev/stdin -signer tsa.pem -inkey tsa.key -chain "
-        "ca.pem " +
-        "-token_out -out " + token);
+    // The serial file goes here: the PKI's directory is only read.
+    run("cd " + dir.path() + " && echo 01 > tsaserial && openssl ts -query -cert -" + hash + " -data " +
+        dir.write("data", data) + " | openssl ts -reply -config " + pki("ext.cnf") +
+        " -section tsa_section " + "-queryfile /dev/stdin -signer " + pki("tsa.pem") + " -inkey " +
+        pki("tsa.key") + " -chain " + pki("ca.pem") + " -token_out -out " + token);
     calls();
     EXPECT_EQ(verifyPfuToken(readFile(token), data), !name.empty()) << hash;
     EXPECT_EQ(calls(), "tslib_decode_tst 1\n" + (name.empty() ? "" : "tslib_datahash " + name + " 1\n"));

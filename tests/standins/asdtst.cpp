@@ -10,6 +10,8 @@ using namespace standin;
 
 namespace {
 bool accountOpen = false;  // one account at a time, as the client uses it
+// The hash under way: the client never closes a handle, a new one replaces it.
+Own<EVP_MD_CTX, EVP_MD_CTX_free> hashing;
 
 // The library's hash numbers; it knows MD5 too.
 const char* const kHashNames[] = {nullptr, "SHA1", "MD5", "SHA256", "SHA384", "SHA512"};
@@ -25,16 +27,17 @@ bool readToken(const AmanoBlob* blob, OwnHead& head, Bytes& cert) {
 
 STANDIN_ENTRY(ASDTSTHashInitEx, (void** hash, int algorithm), std::to_string(algorithm), {
   if (!hash || algorithm < 1 || algorithm > 5) return 0;
-  *hash = EVP_MD_CTX_new();
-  return EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(*hash), EVP_get_digestbyname(kHashNames[algorithm]),
-                           nullptr);
+  hashing.reset(EVP_MD_CTX_new());
+  *hash = hashing.get();
+  return EVP_DigestInit_ex(hashing.get(), EVP_get_digestbyname(kHashNames[algorithm]), nullptr);
 })
-STANDIN_ENTRY(ASDTSTHashUpdateEx, (void* hash, const uchar* data, u32 length), "",
-              { return hash && data && EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(hash), data, length); })
+STANDIN_ENTRY(ASDTSTHashUpdateEx, (void* hash, const uchar* data, u32 length), "", {
+  return hash && hash == hashing.get() && data && EVP_DigestUpdate(hashing.get(), data, length);
+})
 STANDIN_ENTRY(ASDTSTHashFinalEx, (void* hash, AmanoDigest* digest), "", {
-  Own<EVP_MD_CTX, EVP_MD_CTX_free> ctx(static_cast<EVP_MD_CTX*>(hash));  // the handle ends here
-  return ctx && digest && EVP_DigestFinal_ex(ctx.get(), digest->digest, &digest->length) == 1 &&
-         OBJ_obj2txt(digest->oid, sizeof digest->oid, OBJ_nid2obj(EVP_MD_CTX_get_type(ctx.get())), 1) > 0;
+  return hash && hash == hashing.get() && digest &&
+         EVP_DigestFinal_ex(hashing.get(), digest->digest, &digest->length) == 1 &&
+         OBJ_obj2txt(digest->oid, sizeof digest->oid, OBJ_nid2obj(EVP_MD_CTX_get_type(hashing.get())), 1) > 0;
 })
 STANDIN_ENTRY(ASDTSTLoadAccountEx, (const char* file, const char* password, u32 length, void** account),
               file ? file : "(null)", {
