@@ -12,8 +12,6 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -25,24 +23,21 @@
 namespace standin {
 using namespace PDF_Sealmark::closed_records;
 using Bytes = std::vector<unsigned char>;
+using uchar = unsigned char;
+using u32 = std::uint32_t;
 template <class T, void (*F)(T*)>
-struct Free {
-  void operator()(T* p) const { F(p); }
-};
-using Key = std::unique_ptr<EVP_PKEY, Free<EVP_PKEY, EVP_PKEY_free>>;
-using Cert = std::unique_ptr<X509, Free<X509, X509_free>>;
-using MdCtx = std::unique_ptr<EVP_MD_CTX, Free<EVP_MD_CTX, EVP_MD_CTX_free>>;
+using Own = std::unique_ptr<T, std::integral_constant<void (*)(T*), F>>;
 
 inline std::string env(const char* name) { return std::getenv(name) ? std::getenv(name) : ""; }
 
 // Runs an entry point's work unless SEALMARK_STANDIN_FAIL names it, and logs.
+// STANDIN_ENTRY(name, (parameters), detail, {body}) defines an entry point so.
 template <class Work>
 int entry(const char* name, const std::string& detail, Work work) {
-  const std::string list = "," + env("SEALMARK_STANDIN_FAIL") + ",";
-  const std::size_t at = list.find("," + std::string(name));
-  const char next = at == std::string::npos ? 0 : list[at + 1 + std::strlen(name)];
-  const int forced = next == '=' ? std::atoi(&list[at + 2 + std::strlen(name)]) : 0;
-  int result = (next == ',' || next == '=') && forced != 1900 ? forced : work();
+  const std::string list = "," + env("SEALMARK_STANDIN_FAIL") + ",", key = "," + std::string(name);
+  const std::size_t at = list.find(key) == std::string::npos ? 0 : list.find(key) + key.size();
+  const int forced = at && list[at] == '=' ? std::atoi(&list[at + 1]) : 0;
+  int result = at && (list[at] == ',' || list[at] == '=') && forced != 1900 ? forced : work();
   if (result == 1 && forced == 1900) result = 1900;
   if (std::FILE* log = std::fopen(env("SEALMARK_STANDIN_LOG").c_str(), "a")) {
     std::fprintf(log, "%s %s%s%d\n", name, detail.c_str(), detail.empty() ? "" : " ", result);
@@ -51,72 +46,57 @@ int entry(const char* name, const std::string& detail, Work work) {
   return result;
 }
 
-template <class T, T* (*Read)(BIO*, T**, pem_password_cb*, void*)>
-T* readPem(const char* variable) {
-  std::unique_ptr<BIO, Free<BIO, BIO_free_all>> bio(BIO_new_file(env(variable).c_str(), "r"));
-  return bio ? Read(bio.get(), nullptr, nullptr, nullptr) : nullptr;
+template <class T>
+Bytes der(const T* x, int (*i2d)(const T*, unsigned char**)) {
+  unsigned char* p = nullptr;
+  const int n = x ? i2d(x, &p) : 0;
+  Bytes bytes(p, p + (n > 0 ? n : 0));
+  OPENSSL_free(p);
+  return bytes;
 }
-inline Key tsaKey() { return Key(readPem<EVP_PKEY, PEM_read_bio_PrivateKey>("SEALMARK_STANDIN_TSA_KEY")); }
-inline Cert tsaCert() { return Cert(readPem<X509, PEM_read_bio_X509>("SEALMARK_STANDIN_TSA_CERT")); }
+#define STANDIN_ENTRY(name, parameters, detail, ...)                      \
+  extern "C" __attribute__((visibility("default"))) int name parameters { \
+    return standin::entry(#name, detail, [&]() -> int __VA_ARGS__);       \
+  }
 
-// Hashes by OID text, as the libraries know them (MD5 too).
-struct Hash {
-  int number;
-  const char* oid;
-  const char* name;
-};
-constexpr Hash kHashes[] = {{1, "1.3.14.3.2.26", "SHA1"},
-                            {2, "1.2.840.113549.2.5", "MD5"},
-                            {3, "2.16.840.1.101.3.4.2.1", "SHA256"},
-                            {4, "2.16.840.1.101.3.4.2.2", "SHA384"},
-                            {5, "2.16.840.1.101.3.4.2.3", "SHA512"}};
-inline const Hash* hashBy(int number, const char* oid = nullptr) {
-  for (const Hash& h : kHashes)
-    if (h.number == number || (oid && std::strcmp(oid, h.oid) == 0)) return &h;
-  return nullptr;
+inline Own<EVP_PKEY, EVP_PKEY_free> tsaKey() {
+  Own<BIO, BIO_free_all> in(BIO_new_file(env("SEALMARK_STANDIN_TSA_KEY").c_str(), "r"));
+  return Own<EVP_PKEY, EVP_PKEY_free>(in ? PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr)
+                                         : nullptr);
 }
-inline int digestSize(const Hash* h) { return h ? EVP_MD_get_size(EVP_get_digestbyname(h->name)) : -1; }
+inline Own<X509, X509_free> tsaCert() {
+  Own<BIO, BIO_free_all> in(BIO_new_file(env("SEALMARK_STANDIN_TSA_CERT").c_str(), "r"));
+  return Own<X509, X509_free>(in ? PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr) : nullptr);
+}
 
 // The tokens of their own format: this head, the DER certificate of the
 // authority, then the authority's SHA-256 signature over both.
 struct OwnHead {
   char magic[4];  // "SMTK"
   char oid[32];   // of the imprint's hash, NUL-terminated
-  unsigned char digestLength;
   unsigned char digest[64];
-  char time[24];                // NUL-terminated
-  unsigned char certLength[2];  // big-endian
+  std::uint32_t digestLength;
+  std::uint32_t certLength;
+  char time[24];  // NUL-terminated
 };
 
-inline bool signOrVerify(bool sign, EVP_PKEY* key, const unsigned char* p, std::size_t n, Bytes& sig) {
-  MdCtx ctx(EVP_MD_CTX_new());
-  std::size_t length = 512;
-  if (sign) sig.resize(length);
-  const bool ok = sign ? EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
-                             EVP_DigestSign(ctx.get(), sig.data(), &length, p, n) == 1
-                       : EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
-                             EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), p, n) == 1;
-  if (sign) sig.resize(ok ? length : 0);
-  return ok;
-}
-
-inline Bytes makeOwnToken(const char* oid, const unsigned char* digest, unsigned length, const char* format) {
-  Key key = tsaKey();
-  Cert cert = tsaCert();
-  unsigned char* der = nullptr;
-  const int derLength = cert ? i2d_X509(cert.get(), &der) : -1;
-  OwnHead head{{'S', 'M', 'T', 'K'}, {}, static_cast<unsigned char>(length), {}, {}, {}};
+inline Bytes makeOwnToken(const char* oid, const unsigned char* digest, unsigned length,
+                          const char* timeFormat) {
+  const Own<EVP_PKEY, EVP_PKEY_free> key = tsaKey();
+  const Bytes cert = der<X509>(tsaCert().get(), i2d_X509);
+  OwnHead head{{'S', 'M', 'T', 'K'}, {}, {}, length, std::uint32_t(cert.size()), {}};
   const std::time_t now = std::time(nullptr);
-  std::strftime(head.time, sizeof head.time, format, std::gmtime(&now));
+  std::strftime(head.time, sizeof head.time, timeFormat, std::gmtime(&now));
   std::strncpy(head.oid, oid, sizeof head.oid - 1);
   std::memcpy(head.digest, digest, length);
-  head.certLength[0] = static_cast<unsigned char>(derLength >> 8);
-  head.certLength[1] = static_cast<unsigned char>(derLength);
-  Bytes token(reinterpret_cast<unsigned char*>(&head), reinterpret_cast<unsigned char*>(&head + 1)), sig;
-  if (derLength > 0) token.insert(token.end(), der, der + derLength);
-  OPENSSL_free(der);
-  if (!key || derLength <= 0 || !signOrVerify(true, key.get(), token.data(), token.size(), sig)) return {};
-  token.insert(token.end(), sig.begin(), sig.end());
+  Bytes token(reinterpret_cast<unsigned char*>(&head), reinterpret_cast<unsigned char*>(&head + 1)), sig(512);
+  token.insert(token.end(), cert.begin(), cert.end());
+  Own<EVP_MD_CTX, EVP_MD_CTX_free> ctx(EVP_MD_CTX_new());
+  std::size_t n = sig.size();
+  if (!key || cert.empty() || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
+      EVP_DigestSign(ctx.get(), sig.data(), &n, token.data(), token.size()) != 1)
+    return {};
+  token.insert(token.end(), sig.begin(), sig.begin() + n);
   return token;
 }
 
@@ -125,22 +105,24 @@ inline Bytes makeOwnToken(const char* oid, const unsigned char* digest, unsigned
 inline bool readOwnToken(const unsigned char* p, std::size_t n, OwnHead& head, Bytes& cert) {
   if (!p || n <= sizeof head) return false;
   std::memcpy(&head, p, sizeof head);
-  const std::size_t certLength = head.certLength[0] << 8 | head.certLength[1];
   if (std::memcmp(head.magic, "SMTK", 4) != 0 || !std::memchr(head.oid, 0, sizeof head.oid) ||
-      !std::memchr(head.time, 0, sizeof head.time) || head.digestLength > 64 || certLength >= n - sizeof head)
+      !std::memchr(head.time, 0, sizeof head.time) || head.digestLength > 64 ||
+      head.certLength >= n - sizeof head)
     return false;
-  cert.assign(p + sizeof head, p + sizeof head + certLength);
-  const unsigned char* q = cert.data();
-  Cert x509(d2i_X509(nullptr, &q, static_cast<long>(certLength)));
-  Bytes sig(p + sizeof head + certLength, p + n);
-  return x509 && signOrVerify(false, X509_get0_pubkey(x509.get()), p, sizeof head + certLength, sig);
+  const unsigned char *signedEnd = p + sizeof head + head.certLength, *q = p + sizeof head;
+  cert.assign(q, signedEnd);
+  Own<X509, X509_free> x509(d2i_X509(nullptr, &q, head.certLength));
+  Own<EVP_MD_CTX, EVP_MD_CTX_free> ctx(EVP_MD_CTX_new());
+  return x509 &&
+         EVP_DigestVerifyInit(ctx.get(), nullptr, EVP_sha256(), nullptr, X509_get0_pubkey(x509.get())) == 1 &&
+         EVP_DigestVerify(ctx.get(), signedEnd, p + n - signedEnd, p, signedEnd - p) == 1;
 }
 
 // Copies bytes into an output buffer of capacity; false when they don't fit.
 inline bool put(const Bytes& bytes, unsigned char* out, std::uint32_t capacity, std::uint32_t* length) {
   if (!out || !length || bytes.empty() || bytes.size() > capacity) return false;
   std::memcpy(out, bytes.data(), bytes.size());
-  *length = static_cast<std::uint32_t>(bytes.size());
+  *length = std::uint32_t(bytes.size());
   return true;
 }
 

@@ -15,7 +15,8 @@
 namespace PDF_Sealmark {
 
 // Amano.  Tokens are at most 12000 bytes; the service address must fit in
-// 255 bytes.  Failures give an empty token, false or -1.
+// 255 bytes.  What doesn't fit is refused before any call into the library.
+// Failures give an empty token, false or -1.
 bool loadAmanoLibrary();
 std::vector<unsigned char> createAmanoToken(const std::vector<unsigned char>& data, const char* serviceAddress,
                                             const char* accountFile, const char* password);
@@ -26,7 +27,10 @@ bool getAmanoTokenDate(const std::vector<unsigned char>& token, std::string& tex
 // otherwise.
 int getAmanoTokenCert(const std::vector<unsigned char>& token, int index, std::vector<unsigned char>& der);
 // The directory of `module` (null: the executable) joined with fileName;
-// null when the module's path can't be had.
+// null when the module's path can't be had.  platform::kOwnModuleName
+// names the module that holds this library's code; createAmanoToken looks
+// there, then beside the executable, for an account file that isn't found
+// under its own name.
 const char* moduleRelativePath(const char* module, const char* fileName, std::string& path);
 
 // PFU.
