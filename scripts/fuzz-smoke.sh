@@ -12,7 +12,7 @@ fi
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)"
 # fuzz_closed_tokens reads tokens through the stand-in libraries.
-export LD_LIBRARY_PATH=$PWD/build/fuzz/tests/standins${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+export LD_LIBRARY_PATH=$PWD/build/fuzz/tests/standins/asdtst:$PWD/build/fuzz/tests/standins/tslib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 for seeds in fuzz/corpus/*/; do

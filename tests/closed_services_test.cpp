@@ -23,7 +23,8 @@ using namespace testing;
 namespace fs = std::filesystem;
 using S = PDFServiceToken;
 
-const std::string kStandins = fs::path(SEALMARK_BIN).parent_path().parent_path() / "tests/standins",
+const std::string kStandinDir = fs::path(SEALMARK_BIN).parent_path().parent_path() / "tests/standins",
+                  kStandins = kStandinDir + "/asdtst:" + kStandinDir + "/tslib",
                   kSelf = fs::read_symlink("/proc/self/exe").string();
 
 // The PKI of the parent process, which a child reuses.

@@ -141,8 +141,9 @@ TEST(DocumentCheck, SignaturesOfALargeFileOnThreads) {
   sealtest::Bytes blob(6u << 20);
   std::uint64_t x = 88172645463325252u;  // xorshift: bytes that don't compress
   for (unsigned char& b : blob) b = static_cast<unsigned char>((x ^= x << 13, x ^= x >> 7, x ^= x << 17));
-  sealtest::oracle("qpdf " + std::string(SEALMARK_SOURCE_DIR) + "/tests/data/two-pages.pdf --add-attachment " +
-                   dir.write("blob.bin", blob) + " -- " + dir.file("big.pdf"));
+  sealtest::oracle("qpdf " + std::string(SEALMARK_SOURCE_DIR) +
+                   "/tests/data/two-pages.pdf --add-attachment " + dir.write("blob.bin", blob) + " -- " +
+                   dir.file("big.pdf"));
   sealtest::Bytes pdf = sealtest::readFile(dir.file("big.pdf"));
   const std::size_t firstEnd = pdf.size();
   std::size_t bEnd = 0;

@@ -10,9 +10,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "pdfsealmark/http/HttpConnect.h"

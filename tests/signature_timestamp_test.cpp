@@ -21,7 +21,9 @@ using namespace sealtest;
 using nlohmann::json;
 namespace ossl = PDF_Sealmark::ossl;
 
-PKCS7_SIGNER_INFO* signerInfo(PKCS7* p7, int i) { return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), i); }
+PKCS7_SIGNER_INFO* signerInfo(PKCS7* p7, int i) {
+  return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), i);
+}
 
 // The token of signer info `i`, changed by `edit` and put back.
 void editToken(PKCS7* p7, const std::function<void(PKCS7*)>& edit, int i = 0) {
@@ -188,6 +190,89 @@ TEST(SignatureTimeStampCorpus, OtherProducersTokens) {
       EXPECT_EQ(s.timeStampTime.empty(), f.status == 3) << f.file;
     }
     EXPECT_GE(stamped, 1) << f.file;
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// Tokens of the closed services in a signature, as `sealmark verify` reads
+// them with the stand-in libraries on the library path, one of them, or
+// none.  A token that isn't PKCS#7 goes to the PFU library when it loads,
+// else to the Amano library; a /PFUP.TimeStamp signature needs the PFU one.
+TEST(SignatureTimeStampClosed, ReadByWhicheverLibraryLoads) {
+  TempDir dir;
+  const std::string standins =
+                        std::string(SEALMARK_BIN).substr(0, std::string(SEALMARK_BIN).rfind("/source/")) +
+                        "/tests/standins/",
+                    amano = standins + "asdtst", pfu = standins + "tslib",
+                    env = "SEALMARK_STANDIN_TSA_KEY=" + pki("tsa.key") +
+                          " SEALMARK_STANDIN_TSA_CERT=" + pki("tsa.pem");
+  Bytes value;
+  const Bytes signedPdf = editPkcs7(sign(input("two-pages.pdf")), [&](PKCS7* p7) {
+    const ASN1_OCTET_STRING* v = signerInfo(p7, 0)->enc_digest;
+    value.assign(v->data, v->data + v->length);
+  });
+  const std::string valueFile = dir.write("value", value),
+                    account = dir.write("account", bytes("asdtst-account\nsecret\n"));
+  // A token over the signature value from `sealmark timestamp`.
+  auto token = [&](const std::string& lib, const std::string& args, const std::string& format = "") {
+    const CommandResult r =
+        run(env + format + " LD_LIBRARY_PATH=" + lib + " " +
+            sealmark("timestamp " + args + " --output " + dir.file("t") + " " + valueFile));
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    return readFile(dir.file("t"));
+  };
+  const Bytes amanoToken = token(amano, "--service amano --address tss.example:80 --account " + account +
+                                            " --password secret"),
+              pfuOwn =
+                  token(pfu, "--service pfu --user alice --password pw", " SEALMARK_STANDIN_PFU_FORMAT=own"),
+              pfuPkcs7 = token(pfu, "--service pfu --user alice --password pw");
+  const struct {
+    const char* name;
+    const Bytes& token;
+    bool pfuFilter;
+    std::string libraries;
+    int status;
+    json source;
+  } kRows[] = {
+      {"AmanoTokenAmanoLibrary", amanoToken, false, amano, 0, "amano"},
+      {"AmanoTokenNoLibrary", amanoToken, false, "", 3, nullptr},
+      // The PFU stand-in reads the Amano stand-in's format too.
+      {"AmanoTokenBothLibraries", amanoToken, false, amano + ":" + pfu, 0, "pfu"},
+      {"PfuTokenPfuLibrary", pfuOwn, false, pfu, 0, "pfu"},
+      {"PfuTokenNoLibrary", pfuOwn, false, "", 3, nullptr},
+      {"PfuFilterPfuLibrary", pfuOwn, true, pfu, 0, "pfu"},
+      {"PfuFilterNoLibrary", pfuOwn, true, "", 1, "pfu"},
+      {"PfuFilterPkcs7TokenPfuLibrary", pfuPkcs7, true, pfu, 0, "pfu"},
+      {"PfuFilterPkcs7TokenNoLibrary", pfuPkcs7, true, "", 1, "pfu"},
+      {"Pkcs7TokenIsRfc3161", pfuPkcs7, false, "", 0, "rfc3161"},
+  };
+  for (const auto& row : kRows) {
+    Bytes pdf = editPkcs7(signedPdf, [&](PKCS7* p7) {
+      ASN1_STRING* s = ASN1_STRING_new();
+      ASN1_STRING_set(s, row.token.data(), static_cast<int>(row.token.size()));
+      PKCS7_add_attribute(signerInfo(p7, 0), NID_id_smime_aa_timeStampToken, V_ASN1_SEQUENCE, s);
+    });
+    if (row.pfuFilter)
+      pdf = overwrite(pdf, entry(pdf, "/Filter") + entry(pdf, "/SubFilter"), "/Filter/PFUP.TimeStamp");
+    const std::string file = dir.write("in.pdf", pdf),
+                      verify = "LD_LIBRARY_PATH=" + row.libraries + " " + sealmark("verify ");
+    const CommandResult js = run(verify + "--json " + file);
+    EXPECT_EQ(js.exitCode, row.pfuFilter ? 1 : 0) << row.name << js.err;  // the new /Filter was signed
+    const json t = json::parse(js.out)["signatures"][0]["timestamp"];
+    EXPECT_EQ(t["status"], row.status) << row.name;
+    EXPECT_EQ(t["source"], row.source) << row.name;
+    // The time and the certificates come from the token, through a library
+    // unless it is PKCS#7.
+    const bool readable = row.status == 0 || &row.token == &pfuPkcs7;
+    EXPECT_EQ(t["time"].is_string(), readable) << row.name;
+    EXPECT_EQ(!t["certificates"].empty(), readable) << row.name;
+    const std::string column = row.status == 0   ? "holds 20"
+                               : row.status == 1 ? "does not hold"
+                                                 : "cannot be checked: no library";
+    EXPECT_NE(run(verify + file).out.find(column), std::string::npos) << row.name;
   }
 }
 

@@ -48,7 +48,8 @@ TEST(ExtractToken, StatusDecidesAndTheRestIsTheToken) {
             {"", "30", "3105 3003020100", "3080 3003020100", "3085 0000000005 3003020100",
              "308100 3003020100", "308109 3003020100 aabbcc", "3005 0203020100"}},
            // a rejection, a PKIStatusInfo length in long form, a status that isn't an INTEGER
-           {-2, {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100",
+           {-2,
+            {"300a 3003020102 3003020105", "3006 308103020100", "3005 3003040100",
              "3012 300b 0209010000000000000000 3003020105"}},  // 2^64 doesn't fit
            {-9, {"3082 01", "3005 30", "3007 30030202 00", "3004 300302"}}}) {
     for (const std::string& response : responses) {
@@ -149,8 +150,8 @@ TEST(TimeStampTsa, CommandWritesVerifiableTokens) {
     const std::string time =
         sealtest::oracle("date -u +%Y%m%d%H%M%SZ -d '" +
                          text.substr(std::min(text.find("Time stamp: ") + 12, text.size()), 24) + "'");
-    EXPECT_EQ(r.out, "token: " + token + "\ntime: " + time +
-                         "\nsource: rfc3161\nsize: " + std::to_string(sealtest::readFile(token).size()) + " bytes\n");
+    EXPECT_EQ(r.out, "token: " + token + "\ntime: " + time + "\nsource: rfc3161\nsize: " +
+                         std::to_string(sealtest::readFile(token).size()) + " bytes\n");
   }
 }
 

@@ -73,7 +73,9 @@ Json documentJson(const DocumentReport& report) {
       for (const CertReport& c : t->certificates) tsCertificates.push_back(certJson(c));
       timeStamp = Json{{"source", orNull(t->source)},
                        {"status", t->status},
-                       {"holds", t->status == 0 ? Json(true) : t->status == 3 ? Json(nullptr) : Json(false)},
+                       {"holds", t->status == 0   ? Json(true)
+                                 : t->status == 3 ? Json(nullptr)
+                                                  : Json(false)},
                        {"time", orNull(t->time)},
                        {"type", orNull(t->type)},
                        {"certificates", tsCertificates}};
@@ -141,7 +143,8 @@ void printTable(const DocumentReport& report, std::ostream& out) {
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE", "PERMITS"});
+  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE",
+               "PERMITS"});
   int n = 0;
   for (const FieldReport& f : report.fields) {
     std::string signer = f.isSigned ? "(signer certificate not included)" : "(not signed)";

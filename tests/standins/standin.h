@@ -69,8 +69,10 @@ inline Own<X509, X509_free> tsaCert() {
   return Own<X509, X509_free>(in ? PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr) : nullptr);
 }
 
-// The tokens of their own format: this head, the DER certificate of the
-// authority, then the authority's SHA-256 signature over both.
+// The tokens of their own format, framed as one DER SEQUENCE (30 82 LL LL)
+// so that a signature can carry them as an attribute value: this head, the
+// DER certificate of the authority, then the authority's SHA-256 signature
+// over both.
 struct OwnHead {
   char magic[4];  // "SMTK"
   char oid[32];   // of the imprint's hash, NUL-terminated
@@ -97,13 +99,19 @@ inline Bytes makeOwnToken(const char* oid, const unsigned char* digest, unsigned
       EVP_DigestSign(ctx.get(), sig.data(), &n, token.data(), token.size()) != 1)
     return {};
   token.insert(token.end(), sig.begin(), sig.begin() + n);
+  const Bytes frame{0x30, 0x82, static_cast<unsigned char>(token.size() >> 8),
+                    static_cast<unsigned char>(token.size())};
+  token.insert(token.begin(), frame.begin(), frame.end());
   return token;
 }
 
 // Reads a token of the own format; false unless its bounds hold and the
 // certificate in it verifies its signature.
 inline bool readOwnToken(const unsigned char* p, std::size_t n, OwnHead& head, Bytes& cert) {
-  if (!p || n <= sizeof head) return false;
+  if (!p || n <= 4 + sizeof head || p[0] != 0x30 || p[1] != 0x82 || std::size_t(p[2] << 8 | p[3]) != n - 4)
+    return false;
+  p += 4;
+  n -= 4;
   std::memcpy(&head, p, sizeof head);
   if (std::memcmp(head.magic, "SMTK", 4) != 0 || !std::memchr(head.oid, 0, sizeof head.oid) ||
       !std::memchr(head.time, 0, sizeof head.time) || head.digestLength > 64 ||

@@ -53,12 +53,14 @@ int Web::hits(const std::string& name) const {
 const PkiDir& testPki() {
   static const PkiDir pki = [] {
     const std::string script = supportScript("make_pki.sh");
-    const std::string dir = SEALMARK_TEST_PKI_DIR "-" + std::to_string(std::hash<std::string>()(text(readFile(script))));
+    const std::string dir =
+        SEALMARK_TEST_PKI_DIR "-" + std::to_string(std::hash<std::string>()(text(readFile(script))));
     const int lock = ::open((dir + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
     if (lock < 0 || ::flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir);
     if (::access((dir + "/tsa.pem").c_str(), R_OK) != 0) {
       const std::string scratch = dir + ".new";
-      if (run("rm -rf " + scratch + " && " + script + " " + scratch + " && mv " + scratch + " " + dir).exitCode != 0)
+      if (run("rm -rf " + scratch + " && " + script + " " + scratch + " && mv " + scratch + " " + dir)
+              .exitCode != 0)
         throw std::runtime_error("make_pki.sh failed");
     }
     ::close(lock);
@@ -68,10 +70,11 @@ const PkiDir& testPki() {
 }
 
 TestTsa::TestTsa(const std::string& user, const std::string& password) {
-  web_.www.write("tsa.cmd",
-                 bytes("cd " + web_.www.path() + " && test -f tsaserial || echo 01 > tsaserial; P=" + testPki().path() +
-                       " && openssl ts -reply -config $P/ext.cnf -section tsa_section -queryfile /dev/stdin"
-                       " -signer $P/tsa.pem -inkey $P/tsa.key -chain $P/ca.pem -out /dev/stdout 2>/dev/null"));
+  web_.www.write(
+      "tsa.cmd",
+      bytes("cd " + web_.www.path() + " && test -f tsaserial || echo 01 > tsaserial; P=" + testPki().path() +
+            " && openssl ts -reply -config $P/ext.cnf -section tsa_section -queryfile /dev/stdin"
+            " -signer $P/tsa.pem -inkey $P/tsa.key -chain $P/ca.pem -out /dev/stdout 2>/dev/null"));
   if (!user.empty()) web_.www.write("tsa.auth", bytes(user + ":" + password));
 }
 

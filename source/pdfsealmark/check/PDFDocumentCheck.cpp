@@ -279,7 +279,8 @@ void readTimeStamp(const PDFSealmarkVerifyImpl& v, PDFDocumentCheck::Signature& 
     // An RFC 3161 token whose certificate set OpenSSL's PKCS#7 decoder
     // refuses (another certificate format in it) is still one.
     const unsigned char* p = v.tsToken.data();
-    ossl::UniquePtr<CMS_ContentInfo> cms(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(v.tsToken.size())));
+    ossl::UniquePtr<CMS_ContentInfo> cms(
+        d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(v.tsToken.size())));
     if (cms && OBJ_obj2nid(CMS_get0_type(cms.get())) == NID_pkcs7_signed) s.timeStampSource = "rfc3161";
   }
   s.timeStampStatus = v.verifyTimeStamp();

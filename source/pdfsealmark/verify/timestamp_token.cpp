@@ -83,10 +83,18 @@ bool PDFSealmarkVerifyImpl::getSignatureDigest(std::vector<unsigned char>& diges
   if (!pkcs7) return false;
   const char* name = "sha1";
   switch (digest.size()) {
-    case 32: name = "sha256"; break;
-    case 48: name = "sha384"; break;
-    case 64: name = "sha512"; break;
-    default: digest.resize(20); break;
+    case 32:
+      name = "sha256";
+      break;
+    case 48:
+      name = "sha384";
+      break;
+    case 64:
+      name = "sha512";
+      break;
+    default:
+      digest.resize(20);
+      break;
   }
   const EVP_MD* md = EVP_get_digestbyname(name);
   if (!md || digest.size() != static_cast<std::size_t>(EVP_MD_get_size(md))) return false;
@@ -98,7 +106,8 @@ bool PDFSealmarkVerifyImpl::getSignatureDigest(std::vector<unsigned char>& diges
   const int length = ASN1_STRING_length(first->enc_digest);
   if (length < 0) return false;
   unsigned int size = 0;
-  if (EVP_Digest(bytes, static_cast<std::size_t>(length), digest.data(), &size, md, nullptr) != 1) return false;
+  if (EVP_Digest(bytes, static_cast<std::size_t>(length), digest.data(), &size, md, nullptr) != 1)
+    return false;
   value.assign(bytes, bytes + length);
   return true;
 }
@@ -173,11 +182,16 @@ std::string PDFSealmarkVerifyImpl::getTimeStampType() const {
   const ASN1_OCTET_STRING* hashed = imprintOf(tsPkcs7, info);
   if (!hashed) return {};
   switch (ASN1_STRING_length(hashed)) {
-    case 20: return "SHA-1(160bit)";
-    case 32: return "SHA-2(256bit)";
-    case 48: return "SHA-2(384bit)";
-    case 64: return "SHA-2(512bit)";
-    default: return "UNKNOWN";
+    case 20:
+      return "SHA-1(160bit)";
+    case 32:
+      return "SHA-2(256bit)";
+    case 48:
+      return "SHA-2(384bit)";
+    case 64:
+      return "SHA-2(512bit)";
+    default:
+      return "UNKNOWN";
   }
 }
 
