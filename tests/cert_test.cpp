@@ -1,6 +1,7 @@
 // PDFCert and `sealmark cert show`, over certificates the openssl command
 // makes at test time from a table, checked against what the openssl command
 // prints about the same files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
 
@@ -29,11 +30,13 @@ using PDF_Sealmark::PDFCertImpl;
 // side of the century switch, CRL and OCSP URLs.  bmp: BMPStrings, five serial
 // bytes.  long: twenty serial bytes, GeneralizedTimes, a CRL named by a
 // directory name.  negative: a serial whose two's complement carries.
+// badpath: a key usage beside a basicConstraints that OpenSSL 3 calls invalid.
 const char kRows[] =
     R"(utf8 signer utf8only 0x80000000 19500101000000Z 20491231235959Z /C=JP/O=テスト株式会社/CN=山田太郎/emailAddress=yamada@example.jp -addext keyUsage=critical,digitalSignature,nonRepudiation,keyCertSign -addext crlDistributionPoints=URI:http://crl.example/a.crl,URI:ldap://ldap.example/cn=a -addext authorityInfoAccess=OCSP;URI:http://ocsp.example/,OCSP;URI:http://second.example/
 bmp ec-signer pkix 0x0100000000 20240101000000Z 20240131000000Z /C=JP/O=テスト/CN=鈴木
 long signer utf8only 0x7A1B2C3D4E5F60718293A4B5C6D7E8F901234567 20000101000000Z 21000101000000Z /CN=Long -addext keyUsage=keyAgreement,decipherOnly -addext crlDistributionPoints=dirName:dn,URI:http://after.example/
-negative signer default -0x0100 20240101000000Z 20240131000000Z /CN=Negative)";
+negative signer default -0x0100 20240101000000Z 20240131000000Z /CN=Negative
+badpath signer default 0x05 20240101000000Z 20340101000000Z /CN=Bad -addext basicConstraints=critical,CA:true,pathlen:-1 -addext keyUsage=nonRepudiation,decipherOnly)";
 
 const char kMake[] = R"(set -eo pipefail
 printf '%s\n' '[req]' 'distinguished_name = dn' 'string_mask = $ENV::MASK' '[dn]' 'C = JP' 'CN = Directory CA' \
@@ -112,7 +115,7 @@ PDFCert load(const std::string& name) {
 // Every field through `sealmark cert show`, JSON and table; the names and
 // the serial number as the library hands them out.
 TEST(CertFields, AgreeWithOpenssl) {
-  for (const std::string row : {"utf8", "bmp", "long", "negative", "signer"}) {
+  for (const std::string row : {"utf8", "bmp", "long", "negative", "signer", "badpath"}) {
     const std::string pem = path(row + ".pem");
     for (const char* json : {"--json ", ""}) {
       const auto r = run(sealmark("cert show " + (json + pem)) + " | python3 " + path("show.py") + " " + pem);
@@ -267,6 +270,84 @@ TEST(CertFiles, X509AndPkcs12) {
   // A later loadX509 drops the key and the further certificates.
   ASSERT_TRUE(cert.loadX509(ca, false));
   EXPECT_TRUE(cert.getPKey() == 0 && PDFCertImpl::implOf(cert)->caCerts == nullptr);
+}
+
+// generate over the selectors, read back by openssl: key size, extensions
+// in order with the key usage, the comment's quotes and the alternative name
+// last; the subject's string types; a self-signature that verifies.
+TEST(CertGenerate, SelectorsExtensionsAndNames) {
+  // Values in ICU's default code page, UTF-8 on Linux: 山田 has lead bytes
+  // (E5, E7), a lone B1 has none.
+  std::vector<std::string> oids{
+      "2.5.4.6",      "CN", "2.5.4.3", "2.5.4.11", "1.2.840.113549.1.9.1", "1.2.840.113549.1.9.1",
+      "1.2.3.4.5.6.7"};
+  std::vector<std::string> values{"JP", "dropped", "\xE5\xB1\xB1\xE7\x94\xB0", "\xB1", "a@b.jp", "", "x"};
+  const std::string names =
+      "2.5.4.6=PRINTABLESTRING:#4A50|2.5.4.3=UTF8STRING:#E5B1B1E794B0|"
+      "2.5.4.11=PRINTABLESTRING:#B1|1.2.840.113549.1.9.1=IA5STRING:#6140622E6A70|"
+      "1.2.840.113549.1.9.1=PRINTABLESTRING:#|";
+  const std::string basic =
+      "Basic Constraints|Netscape Comment|Subject Key Identifier|"
+      "Authority Key Identifier|Key Usage|";
+  for (const auto& [keySize, usage, alt, bits, usages] :
+       std::initializer_list<std::tuple<int, int, std::string, int, std::string>>{
+           {0, 0, "", 1024, "Digital Signature, Non Repudiation"},
+           {3, 1, "email:a@b.jp", 1024, "Non Repudiation, Data Encipherment"},
+           {-1, 2, "", 1024, "Digital Signature, Non Repudiation, Data Encipherment"},
+           {1, 7, "DNS:x.example,IP:127.0.0.1", 2048, "Digital Signature, Non Repudiation"},
+           {2, 0, "", 4096, "Digital Signature, Non Repudiation"}}) {
+    PDFCert cert;
+    ASSERT_TRUE(cert.generate(4660, 30, oids, values, alt, keySize, usage)) << keySize;
+    std::ostringstream out;
+    ASSERT_TRUE(cert.saveX509(out, false));
+    const std::string file = pki().write("generated.pem", bytes(out.str())), pem = shellQuote(file);
+    const std::string text = oracle("openssl x509 -noout -text -in " + pem);
+    EXPECT_THAT(text, testing::HasSubstr("Public-Key: (" + std::to_string(bits) + " bit)"));
+    EXPECT_THAT(text, testing::HasSubstr("Exponent: 65537 (0x10001)\n"));
+    EXPECT_THAT(text, testing::HasSubstr("X509v3 Key Usage: \n                " + usages + "\n"));
+    EXPECT_THAT(text, testing::HasSubstr("\n                \"Larkvale Scrivener Generate Certificate\"\n"));
+    EXPECT_EQ(
+        oracle(
+            "openssl x509 -noout -text -in " + pem +
+            " | sed -n 's/^ \\{12\\}\\(X509v3 \\)\\?\\([A-Z].*\\): *\\(critical\\)\\?$/\\2\\3/p' | tr '\\n' '|'"),
+        basic + (alt.empty() ? "" : "Subject Alternative Name|"));
+    EXPECT_EQ(
+        oracle(
+            "openssl x509 -noout -subject -issuer -nameopt oid,show_type,dump_all,dump_nostr,sep_multiline "
+            "-in " +
+            pem + " | sed 1d | sed 's/^ *//' | tr '\\n' '|'"),
+        names + "issuer=|" + names);
+    EXPECT_EQ(oracle("openssl verify -check_ss_sig -CAfile " + pem + " " + pem), file + ": OK");
+    const auto* x509 = reinterpret_cast<X509*>(cert.getX509());
+    EXPECT_EQ(X509_check_private_key(x509, reinterpret_cast<EVP_PKEY*>(cert.getPKey())), 1);
+    EXPECT_EQ(X509_check_ca(const_cast<X509*>(x509)), 0);
+    EXPECT_TRUE(cert.getVersion() == 2 && cert.getSerial() == 4660 && cert.isValid(nullptr));
+    EXPECT_EQ(PDF_Sealmark::textToTime(cert.getNotAfter().c_str()) -
+                  PDF_Sealmark::textToTime(cert.getNotBefore().c_str()),
+              30 * 86400);
+    EXPECT_EQ(cert.getSignAlgorithm(), "sha1WithRSAEncryption");
+    // Read back, a UTF8String comes out in code page 932.
+    std::vector<std::string> keys, shown, issuerKeys, issuer;
+    ASSERT_TRUE(cert.getSubject(keys, shown) && cert.getIssuer(issuerKeys, issuer));
+    EXPECT_TRUE(keys.size() == 5 && shown[1] == "\x8E\x52\x93\x63" && keys == issuerKeys && shown == issuer);
+  }
+  // Arguments refused first keep the certificate; a later failure empties it.
+  PDFCert cert = load("signer.pem");
+  std::vector<std::string> none, two{"2.5.4.3", "2.5.4.6"};
+  for (const auto& [o, v, serial, days, alt] : std::initializer_list<
+           std::tuple<std::vector<std::string>*, std::vector<std::string>*, long, long, std::string>>{
+           {&none, &none, 1, 1, ""},
+           {&two, &values, 1, 1, ""},
+           {&oids, &values, 0, 1, ""},
+           {&oids, &values, -1, 1, ""},
+           {&oids, &values, 1, 0, ""},
+           {&oids, &values, 1, -5, ""},
+           {&oids, &values, 1, 1, "nonsense"},
+           {&oids, &values, 1, 1, "email:copy"}}) {
+    EXPECT_FALSE(cert.generate(serial, days, *o, *v, alt, 0, 0)) << serial << days << alt;
+    EXPECT_EQ(hashOf(cert) + (cert.getPKey() ? "key" : ""), alt.empty() ? fingerprint("signer.pem") : "")
+        << serial << " " << days << " " << alt;
+  }
 }
 
 // Unreadable input and bad usage: exit code 2 and one line "sealmark: NAME:
