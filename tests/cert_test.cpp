@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -272,6 +275,12 @@ TEST(CertFiles, X509AndPkcs12) {
   EXPECT_TRUE(cert.getPKey() == 0 && PDFCertImpl::implOf(cert)->caCerts == nullptr);
 }
 
+// The names of the extensions in `openssl x509 -text` on stdin, in order.
+const char kExtensionNames[] =
+    R"( | sed -n 's/^ \{12\}\(X509v3 \)\?\([A-Z].*\): *\(critical\)\?$/\2\3/p' | tr '\n' '|')";
+const std::string kGeneratedExtensions =
+    "Basic Constraints|Netscape Comment|Subject Key Identifier|Authority Key Identifier|Key Usage|";
+
 // generate over the selectors, read back by openssl: key size, extensions
 // in order with the key usage, the comment's quotes and the alternative name
 // last; the subject's string types; a self-signature that verifies.
@@ -286,9 +295,6 @@ TEST(CertGenerate, SelectorsExtensionsAndNames) {
       "2.5.4.6=PRINTABLESTRING:#4A50|2.5.4.3=UTF8STRING:#E5B1B1E794B0|"
       "2.5.4.11=PRINTABLESTRING:#B1|1.2.840.113549.1.9.1=IA5STRING:#6140622E6A70|"
       "1.2.840.113549.1.9.1=PRINTABLESTRING:#|";
-  const std::string basic =
-      "Basic Constraints|Netscape Comment|Subject Key Identifier|"
-      "Authority Key Identifier|Key Usage|";
   for (const auto& [keySize, usage, alt, bits, usages] :
        std::initializer_list<std::tuple<int, int, std::string, int, std::string>>{
            {0, 0, "", 1024, "Digital Signature, Non Repudiation"},
@@ -306,11 +312,8 @@ TEST(CertGenerate, SelectorsExtensionsAndNames) {
     EXPECT_THAT(text, testing::HasSubstr("Exponent: 65537 (0x10001)\n"));
     EXPECT_THAT(text, testing::HasSubstr("X509v3 Key Usage: \n                " + usages + "\n"));
     EXPECT_THAT(text, testing::HasSubstr("\n                \"Larkvale Scrivener Generate Certificate\"\n"));
-    EXPECT_EQ(
-        oracle(
-            "openssl x509 -noout -text -in " + pem +
-            " | sed -n 's/^ \\{12\\}\\(X509v3 \\)\\?\\([A-Z].*\\): *\\(critical\\)\\?$/\\2\\3/p' | tr '\\n' '|'"),
-        basic + (alt.empty() ? "" : "Subject Alternative Name|"));
+    EXPECT_EQ(oracle("openssl x509 -noout -text -in " + pem + kExtensionNames),
+              kGeneratedExtensions + (alt.empty() ? "" : "Subject Alternative Name|"));
     EXPECT_EQ(
         oracle(
             "openssl x509 -noout -subject -issuer -nameopt oid,show_type,dump_all,dump_nostr,sep_multiline "
@@ -348,6 +351,53 @@ TEST(CertGenerate, SelectorsExtensionsAndNames) {
     EXPECT_EQ(hashOf(cert) + (cert.getPKey() ? "key" : ""), alt.empty() ? fingerprint("signer.pem") : "")
         << serial << " " << days << " " << alt;
   }
+}
+
+// `sealmark cert generate`: a PKCS#12 file that openssl opens, written in
+// place of a planted link and not through it, readable by its owner only;
+// a Japanese subject as `cert show` prints it.  Bad usage: exit 2, one line.
+TEST(CertGenerate, Command) {
+  namespace fs = std::filesystem;
+  TempDir dir;
+  const std::string out = dir.file("out.p12"), victim = dir.write("victim", bytes("victim"));
+  fs::create_symlink(victim, out);
+  const std::string base = "cert generate --output " + shellQuote(out) + " --password-file " +
+                           shellQuote(dir.write("pw", bytes("secret\n"))) + " --subject ";
+  const auto r = run(sealmark(base + shellQuote("CN=山田 太郎,O=テスト\\, 東京,C=JP") +
+                              " --alt-name email:yamada@example.jp --serial 4660 --days 30 --usage 1"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  struct stat st;
+  ASSERT_EQ(::lstat(out.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode) && (st.st_mode & 0777) == 0600 && text(readFile(victim)) == "victim");
+  const std::string p12 = "openssl pkcs12 -nokeys -passin pass:secret -in " + shellQuote(out);
+  EXPECT_EQ(oracle(p12 + " | openssl x509 -noout -text" + kExtensionNames),
+            kGeneratedExtensions + "Subject Alternative Name|");
+  EXPECT_EQ(r.out, oracle(p12 + " | openssl x509 -noout -fingerprint | tr -d : | cut -d= -f2") + "\n");
+  const auto shown =
+      nlohmann::json::parse(run(sealmark("cert show --json --password secret " + shellQuote(out))).out);
+  EXPECT_EQ(shown["subject"].dump() + shown["serial"].dump() + shown["key_usage"].dump(),
+            R"([["2.5.4.6","JP"],["2.5.4.10","テスト, 東京"],["2.5.4.3","山田 太郎"]])"
+            R"("1234"["nonRepudiation","dataEncipherment"])");
+  EXPECT_EQ(shown["sha1"].get<std::string>() + "\n", r.out);
+  const std::string noDir = dir.file("none/x.p12");
+  for (const auto& [args, about] : std::initializer_list<std::pair<std::string, std::string>>{
+           {"CN=x --output " + noDir, noDir + ": No such file or directory"},
+           {"CN", "cert generate: --subject: 'CN' is not TYPE=VALUE"},
+           {"XX=1", "cert generate: --subject: unknown attribute type 'XX'"},
+           {"CN=Müller", "cert generate: --subject: 'Müller' can't be stored"},
+           {"CN=x --key-size 1024", "cert generate: --key-size takes 2048 or 4096"},
+           {"CN=x --usage 3", "cert generate: --usage takes 0, 1 or 2"},
+           {"CN=x --serial 0", "cert generate: --serial takes 1 to 2147483647"},
+           {"CN=x --days 24856", "cert generate: --days takes 1 to 24855"},
+           {"CN=x --password ''", "cert generate: --password and --password-file exclude each other"},
+           {"CN=x --alt-name nonsense", "cert generate: --alt-name 'nonsense' is not a subjectAltName"}}) {
+    const auto failed = run(sealmark(base + args));
+    EXPECT_EQ(failed.exitCode, 2) << args;
+    EXPECT_EQ(failed.err.rfind("sealmark: " + about, 0), 0u) << args << ": " << failed.err;
+    EXPECT_EQ(failed.err.find('\n') + 1, failed.err.size()) << failed.err;
+  }
+  EXPECT_EQ(run(sealmark("cert generate --subject CN=x --password p")).err,
+            "sealmark: cert generate: --output is required (see 'sealmark cert generate --help')\n");
 }
 
 // Unreadable input and bad usage: exit code 2 and one line "sealmark: NAME:
