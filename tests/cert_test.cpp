@@ -1,10 +1,14 @@
 // PDFCert and `sealmark cert show`, over certificates the openssl command
 // makes at test time from a table, checked against what the openssl command
 // prints about the same files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -30,11 +34,13 @@ using PDF_Sealmark::PDFCertImpl;
 // side of the century switch, CRL and OCSP URLs.  bmp: BMPStrings, five serial
 // bytes.  long: twenty serial bytes, GeneralizedTimes, a CRL named by a
 // directory name.  negative: a serial whose two's complement carries.
+// badpath: a key usage beside a basicConstraints that OpenSSL 3 calls invalid.
 const char kRows[] =
     R"(utf8 signer utf8only 0x80000000 19500101000000Z 20491231235959Z /C=JP/O=テスト株式会社/CN=山田太郎/emailAddress=yamada@example.jp -addext keyUsage=critical,digitalSignature,nonRepudiation,keyCertSign -addext crlDistributionPoints=URI:http://crl.example/a.crl,URI:ldap://ldap.example/cn=a -addext authorityInfoAccess=OCSP;URI:http://ocsp.example/,OCSP;URI:http://second.example/
 bmp ec-signer pkix 0x0100000000 20240101000000Z 20240131000000Z /C=JP/O=テスト/CN=鈴木
 long signer utf8only 0x7A1B2C3D4E5F60718293A4B5C6D7E8F901234567 20000101000000Z 21000101000000Z /CN=Long -addext keyUsage=keyAgreement,decipherOnly -addext crlDistributionPoints=dirName:dn,URI:http://after.example/
-negative signer default -0x0100 20240101000000Z 20240131000000Z /CN=Negative)";
+negative signer default -0x0100 20240101000000Z 20240131000000Z /CN=Negative
+badpath signer default 0x05 20240101000000Z 20340101000000Z /CN=Bad -addext basicConstraints=critical,CA:true,pathlen:-1 -addext keyUsage=nonRepudiation,decipherOnly)";
 
 const char kMake[] = R"(set -eo pipefail
 printf '%s\n' '[req]' 'distinguished_name = dn' 'string_mask = $ENV::MASK' '[dn]' 'C = JP' 'CN = Directory CA' \
@@ -113,7 +119,7 @@ PDFCert load(const std::string& name) {
 // Every field through `sealmark cert show`, JSON and table; the names and
 // the serial number as the library hands them out.
 TEST(CertFields, AgreeWithOpenssl) {
-  for (const std::string row : {"utf8", "bmp", "long", "negative", "signer"}) {
+  for (const std::string row : {"utf8", "bmp", "long", "negative", "signer", "badpath"}) {
     const std::string pem = path(row + ".pem");
     for (const char* json : {"--json ", ""}) {
       const auto r = run(sealmark("cert show " + (json + pem)) + " | python3 " + path("show.py") + " " + pem);
@@ -268,6 +274,131 @@ TEST(CertFiles, X509AndPkcs12) {
   // A later loadX509 drops the key and the further certificates.
   ASSERT_TRUE(cert.loadX509(ca, false));
   EXPECT_TRUE(cert.getPKey() == 0 && PDFCertImpl::implOf(cert)->caCerts == nullptr);
+}
+
+// The names of the extensions in `openssl x509 -text` on stdin, in order.
+const char kExtensionNames[] =
+    R"( | sed -n 's/^ \{12\}\(X509v3 \)\?\([A-Z].*\): *\(critical\)\?$/\2\3/p' | tr '\n' '|')";
+const std::string kGeneratedExtensions =
+    "Basic Constraints|Netscape Comment|Subject Key Identifier|Authority Key Identifier|Key Usage|";
+
+// generate over the selectors, read back by openssl: key size, extensions
+// in order with the key usage, the comment's quotes and the alternative name
+// last; the subject's string types; a self-signature that verifies.
+TEST(CertGenerate, SelectorsExtensionsAndNames) {
+  // Values in ICU's default code page, UTF-8 on Linux: 山田 has lead bytes
+  // (E5, E7), a lone B1 has none.
+  std::vector<std::string> oids{
+      "2.5.4.6",      "CN", "2.5.4.3", "2.5.4.11", "1.2.840.113549.1.9.1", "1.2.840.113549.1.9.1",
+      "1.2.3.4.5.6.7"};
+  std::vector<std::string> values{"JP", "dropped", "\xE5\xB1\xB1\xE7\x94\xB0", "\xB1", "a@b.jp", "", "x"};
+  const std::string names =
+      "2.5.4.6=PRINTABLESTRING:#4A50|2.5.4.3=UTF8STRING:#E5B1B1E794B0|"
+      "2.5.4.11=PRINTABLESTRING:#B1|1.2.840.113549.1.9.1=IA5STRING:#6140622E6A70|"
+      "1.2.840.113549.1.9.1=PRINTABLESTRING:#|";
+  for (const auto& [keySize, usage, alt, bits, usages] :
+       std::initializer_list<std::tuple<int, int, std::string, int, std::string>>{
+           {0, 0, "", 1024, "Digital Signature, Non Repudiation"},
+           {3, 1, "email:a@b.jp", 1024, "Non Repudiation, Data Encipherment"},
+           {-1, 2, "", 1024, "Digital Signature, Non Repudiation, Data Encipherment"},
+           {1, 7, "DNS:x.example,IP:127.0.0.1", 2048, "Digital Signature, Non Repudiation"},
+           {2, 0, "", 4096, "Digital Signature, Non Repudiation"}}) {
+    PDFCert cert;
+    ASSERT_TRUE(cert.generate(4660, 30, oids, values, alt, keySize, usage)) << keySize;
+    std::ostringstream out;
+    ASSERT_TRUE(cert.saveX509(out, false));
+    const std::string file = pki().write("generated.pem", bytes(out.str())), pem = shellQuote(file);
+    const std::string text = oracle("openssl x509 -noout -text -in " + pem);
+    EXPECT_THAT(text, testing::HasSubstr("Public-Key: (" + std::to_string(bits) + " bit)"));
+    EXPECT_THAT(text, testing::HasSubstr("Exponent: 65537 (0x10001)\n"));
+    EXPECT_THAT(text, testing::HasSubstr("X509v3 Key Usage: \n                " + usages + "\n"));
+    EXPECT_THAT(text, testing::HasSubstr("\n                \"Larkvale Scrivener Generate Certificate\"\n"));
+    EXPECT_EQ(oracle("openssl x509 -noout -text -in " + pem + kExtensionNames),
+              kGeneratedExtensions + (alt.empty() ? "" : "Subject Alternative Name|"));
+    EXPECT_EQ(
+        oracle(
+            "openssl x509 -noout -subject -issuer -nameopt oid,show_type,dump_all,dump_nostr,sep_multiline "
+            "-in " +
+            pem + " | sed 1d | sed 's/^ *//' | tr '\\n' '|'"),
+        names + "issuer=|" + names);
+    EXPECT_EQ(oracle("openssl verify -check_ss_sig -CAfile " + pem + " " + pem), file + ": OK");
+    const auto* x509 = reinterpret_cast<X509*>(cert.getX509());
+    EXPECT_EQ(X509_check_private_key(x509, reinterpret_cast<EVP_PKEY*>(cert.getPKey())), 1);
+    EXPECT_EQ(X509_check_ca(const_cast<X509*>(x509)), 0);
+    EXPECT_TRUE(cert.getVersion() == 2 && cert.getSerial() == 4660 && cert.isValid(nullptr));
+    EXPECT_EQ(PDF_Sealmark::textToTime(cert.getNotAfter().c_str()) -
+                  PDF_Sealmark::textToTime(cert.getNotBefore().c_str()),
+              30 * 86400);
+    EXPECT_EQ(cert.getSignAlgorithm(), "sha1WithRSAEncryption");
+    // Read back, a UTF8String comes out in code page 932.
+    std::vector<std::string> keys, shown, issuerKeys, issuer;
+    ASSERT_TRUE(cert.getSubject(keys, shown) && cert.getIssuer(issuerKeys, issuer));
+    EXPECT_TRUE(keys.size() == 5 && shown[1] == "\x8E\x52\x93\x63" && keys == issuerKeys && shown == issuer);
+  }
+  // Arguments refused first keep the certificate; a later failure empties it.
+  PDFCert cert = load("signer.pem");
+  std::vector<std::string> none, two{"2.5.4.3", "2.5.4.6"};
+  for (const auto& [o, v, serial, days, alt] : std::initializer_list<
+           std::tuple<std::vector<std::string>*, std::vector<std::string>*, long, long, std::string>>{
+           {&none, &none, 1, 1, ""},
+           {&two, &values, 1, 1, ""},
+           {&oids, &values, 0, 1, ""},
+           {&oids, &values, -1, 1, ""},
+           {&oids, &values, 1, 0, ""},
+           {&oids, &values, 1, -5, ""},
+           {&oids, &values, 1, 1, "nonsense"},
+           {&oids, &values, 1, 1, "email:copy"}}) {
+    EXPECT_FALSE(cert.generate(serial, days, *o, *v, alt, 0, 0)) << serial << days << alt;
+    EXPECT_EQ(hashOf(cert) + (cert.getPKey() ? "key" : ""), alt.empty() ? fingerprint("signer.pem") : "")
+        << serial << " " << days << " " << alt;
+  }
+}
+
+// `sealmark cert generate`: a PKCS#12 file that openssl opens, written in
+// place of a planted link and not through it, readable by its owner only;
+// a Japanese subject as `cert show` prints it.  Bad usage: exit 2, one line.
+TEST(CertGenerate, Command) {
+  namespace fs = std::filesystem;
+  TempDir dir;
+  const std::string out = dir.file("out.p12"), victim = dir.write("victim", bytes("victim"));
+  fs::create_symlink(victim, out);
+  const std::string base = "cert generate --output " + shellQuote(out) + " --password-file " +
+                           shellQuote(dir.write("pw", bytes("secret\n"))) + " --subject ";
+  const auto r = run(sealmark(base + shellQuote("CN=山田 太郎,O=テスト\\, 東京,C=JP") +
+                              " --alt-name email:yamada@example.jp --serial 4660 --days 30 --usage 1"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  struct stat st;
+  ASSERT_EQ(::lstat(out.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode) && (st.st_mode & 0777) == 0600 && text(readFile(victim)) == "victim");
+  const std::string p12 = "openssl pkcs12 -nokeys -passin pass:secret -in " + shellQuote(out);
+  EXPECT_EQ(oracle(p12 + " | openssl x509 -noout -text" + kExtensionNames),
+            kGeneratedExtensions + "Subject Alternative Name|");
+  EXPECT_EQ(r.out, oracle(p12 + " | openssl x509 -noout -fingerprint | tr -d : | cut -d= -f2") + "\n");
+  const auto shown =
+      nlohmann::json::parse(run(sealmark("cert show --json --password secret " + shellQuote(out))).out);
+  EXPECT_EQ(shown["subject"].dump() + shown["serial"].dump() + shown["key_usage"].dump(),
+            R"([["2.5.4.6","JP"],["2.5.4.10","テスト, 東京"],["2.5.4.3","山田 太郎"]])"
+            R"("1234"["nonRepudiation","dataEncipherment"])");
+  EXPECT_EQ(shown["sha1"].get<std::string>() + "\n", r.out);
+  const std::string noDir = dir.file("none/x.p12");
+  for (const auto& [args, about] : std::initializer_list<std::pair<std::string, std::string>>{
+           {"CN=x --output " + noDir, noDir + ": No such file or directory"},
+           {"CN", "cert generate: --subject: 'CN' is not TYPE=VALUE"},
+           {"XX=1", "cert generate: --subject: unknown attribute type 'XX'"},
+           {"CN=Müller", "cert generate: --subject: 'Müller' can't be stored"},
+           {"CN=x --key-size 1024", "cert generate: --key-size takes 2048 or 4096"},
+           {"CN=x --usage 3", "cert generate: --usage takes 0, 1 or 2"},
+           {"CN=x --serial 0", "cert generate: --serial takes 1 to 2147483647"},
+           {"CN=x --days 24856", "cert generate: --days takes 1 to 24855"},
+           {"CN=x --password ''", "cert generate: --password and --password-file exclude each other"},
+           {"CN=x --alt-name nonsense", "cert generate: --alt-name 'nonsense' is not a subjectAltName"}}) {
+    const auto failed = run(sealmark(base + args));
+    EXPECT_EQ(failed.exitCode, 2) << args;
+    EXPECT_EQ(failed.err.rfind("sealmark: " + about, 0), 0u) << args << ": " << failed.err;
+    EXPECT_EQ(failed.err.find('\n') + 1, failed.err.size()) << failed.err;
+  }
+  EXPECT_EQ(run(sealmark("cert generate --subject CN=x --password p")).err,
+            "sealmark: cert generate: --output is required (see 'sealmark cert generate --help')\n");
 }
 
 // Unreadable input and bad usage: exit code 2 and one line "sealmark: NAME:

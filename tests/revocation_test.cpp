@@ -4,6 +4,7 @@
 // served by serve.py, as file: URLs and by slapd.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -57,8 +58,9 @@ int hits(const std::string& name) { return world().hits(name); }
 
 // `sealmark revocation --json` of leaf SERIAL, issued by the CA.
 std::string outcome(const std::string& serial, const std::string& args) {
-  const auto r = run(
-      sealmark("revocation --json " + file("L" + serial + ".pem") + " --issuer " + file("ca.pem") + args));
+  // Nothing may take longer than one retrieval's 30 s.
+  const auto r = run("timeout 35 " + sealmark("revocation --json " + file("L" + serial + ".pem") +
+                                              " --issuer " + file("ca.pem") + args));
   return std::to_string(r.exitCode) + " " + json::parse(r.out, nullptr, false).dump() + r.err;
 }
 
@@ -99,6 +101,8 @@ TEST(Revocation, ResponderFirstThenCrls) {
            {"24", "", expected(false, 1, "crl")},
            {"25", "", expected(false, 3, "undecided")},
            {"26", "", expected(true, 0, "none")},
+           // file: reads regular files only, without waiting on a FIFO.
+           {"2D", "", expected(false, 1, "crl")},
            // A cache directory that can't be made changes nothing.
            {"21", " --crl-cache " + file("notcrl") + "/cache", expected(false, 1, "crl")}}) {
     EXPECT_EQ(outcome(serial, args), wanted) << serial << args;
@@ -136,9 +140,14 @@ TEST(Revocation, CrlCacheServesSixHours) {
     const timeval times[2] = {{kNow - seconds, 0}, {kNow - seconds, 0}};
     return ::utimes(path.c_str(), times) == 0;
   };
+  // A link planted at the cache name is replaced, its target left alone.
+  sealtest::TempDir elsewhere;
+  const std::string victim = elsewhere.write("victim", sealtest::bytes("victim"));
+  fs::create_symlink(victim, path);
   serve("clean.crl");
   EXPECT_EQ(outcome("29", args), expected(true, 1, "crl"));
   EXPECT_EQ(sealtest::readFile(path), sealtest::readFile(file("clean.crl")));
+  EXPECT_EQ(sealtest::text(sealtest::readFile(victim)), "victim");
   // The server now revokes 29, but the cache answers until it is too old.
   serve("ca.crl");
   EXPECT_EQ(outcome("29", args), expected(true, 1, "crl"));
@@ -146,6 +155,21 @@ TEST(Revocation, CrlCacheServesSixHours) {
   ASSERT_TRUE(age(PDF_Sealmark::kCrlCacheMaxAgeSeconds + 1));
   EXPECT_EQ(outcome("29", args), expected(false, 1, "crl"));
   EXPECT_EQ(sealtest::readFile(path), sealtest::readFile(file("ca.crl")));
+  // A FIFO at the cache name neither blocks nor stays.
+  fs::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(outcome("29", args), expected(false, 1, "crl"));
+  ASSERT_TRUE(fs::is_regular_file(path));  // reading a FIFO here would block the test
+  EXPECT_EQ(sealtest::readFile(path), sealtest::readFile(file("ca.crl")));
+  // Every cache file is its owner's alone, also the copy of a local file.
+  EXPECT_EQ(outcome("22", args), expected(false, 1, "crl"));
+  int files = 0;
+  for (const auto& entry : fs::directory_iterator(cache.path())) {
+    EXPECT_EQ(entry.status().type(), fs::file_type::regular) << entry.path();
+    EXPECT_EQ(entry.status().permissions(), fs::perms::owner_read | fs::perms::owner_write) << entry.path();
+    ++files;
+  }
+  EXPECT_EQ(files, 2);
 
   // Six hours to the second, and only a CRL of the issuer before its
   // nextUpdate: never without an issuer.

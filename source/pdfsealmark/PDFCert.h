@@ -155,6 +155,29 @@ class PDFSEALMARK_API PDFCert {
   // private key and a non-empty password; name may be empty, not null.
   bool savePkcs12(std::ostream& out, const char* password, const char* name) const;
 
+  // --- generation -------------------------------------------------------------
+  // Makes a new RSA key (keySize 1: 2048 bits, 2: 4096, other: 1024; public
+  // exponent 65537) and a self-signed X.509 v3 certificate for it, signed
+  // with SHA-1, valid from now for days*86400 seconds, and keeps both.
+  //   oids, values: the subject (and issuer) attributes in order; oids in
+  //     dotted numeric form ("2.5.4.3"), values in ICU's default code page.
+  //     A value with a Shift-JIS lead byte becomes a UTF8String, an
+  //     emailAddress an IA5String, the rest PrintableStrings as given.
+  //     Attributes whose oid OpenSSL doesn't know are left out.
+  //   altName: a subjectAltName in OpenSSL's extension text ("email:a@b.jp"),
+  //     or "" for none.
+  //   keyUsage: 1 nonRepudiation,dataEncipherment; 2 nonRepudiation,
+  //     digitalSignature,dataEncipherment; other nonRepudiation,
+  //     digitalSignature.
+  // The extensions, none critical: basicConstraints CA:FALSE, an nsComment,
+  // subjectKeyIdentifier, authorityKeyIdentifier, keyUsage, then
+  // subjectAltName when given.  False, with the object unchanged, for empty
+  // or unequal lists, serial < 1 or days < 1; any later failure (an altName
+  // OpenSSL can't read, for one) gives false and leaves the object empty.
+  // Blocks while the key is made: seconds for 4096 bits.
+  bool generate(long serial, long days, std::vector<std::string>& oids, std::vector<std::string>& values,
+                const std::string& altName, int keySize, int keyUsage);
+
  private:
   friend class PDFCertImpl;
   friend class PDFCertWinImpl;

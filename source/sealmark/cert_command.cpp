@@ -19,6 +19,8 @@ namespace sealmark {
 
 const char kCertHelp[] =
     "usage: sealmark cert show [--password PW] [--json] FILE\n"
+    "       sealmark cert generate --subject NAME ... --output FILE.p12 --password PW\n"
+    "               (see 'sealmark cert generate --help')\n"
     "\n"
     "Prints the fields of a certificate: subject, issuer, serial number,\n"
     "SHA-1 fingerprint, validity, algorithms, key usage, CRL and OCSP URLs.\n"
@@ -116,6 +118,7 @@ bool parseArgs(const Args& args, CertOptions& opts, int& exitCode) {
 }  // namespace
 
 int runCert(const Args& args) {
+  if (!args.empty() && args[0] == "generate") return runCertGenerate(Args(args.begin() + 1, args.end()));
   CertOptions opts;
   int exitCode = kExitOk;
   if (!parseArgs(args, opts, exitCode)) return exitCode;

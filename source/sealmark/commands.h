@@ -20,6 +20,8 @@ int runRevisions(const Args& args);
 extern const char kRevisionsHelp[];
 int runCert(const Args& args);
 extern const char kCertHelp[];
+int runCertGenerate(const Args& args);
+extern const char kCertGenerateHelp[];
 int runTimestamp(const Args& args);
 extern const char kTimestampHelp[];
 int runRevocation(const Args& args);

@@ -15,6 +15,7 @@ const char kUsage[] =
     "  verify     check every signature field of PDF files\n"
     "  revisions  list the revisions of a PDF file, or write one out\n"
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
+    "  cert generate  make a key and a self-signed certificate as a PKCS#12 file\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
     "  sign       sign a PDF file with a PKCS#12 key or a key in the store (incremental update)\n"

@@ -1,10 +1,15 @@
 #include "output.h"
 
+#include <sys/stat.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <vector>
 
@@ -73,6 +78,39 @@ bool copyFileRange(const std::string& from, std::uint64_t begin, std::uint64_t e
     left -= static_cast<std::uint64_t>(n);
   }
   return static_cast<bool>(out.flush());
+}
+
+bool writeFileAtomically(const std::string& path, const std::string& bytes, unsigned mode, std::string& why) {
+  const std::size_t slash = path.rfind('/');
+  std::string temp = path.substr(0, slash == std::string::npos ? 0 : slash + 1) + "." +
+                     path.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
+  // mkstemp opens with O_CREAT|O_EXCL and mode 0600.
+  const int fd = ::mkstemp(&temp[0]);
+  if (fd < 0) {
+    why = std::strerror(errno);
+    return false;
+  }
+  bool ok = ::fchmod(fd, static_cast<mode_t>(mode)) == 0;
+  for (std::size_t done = 0; ok && done < bytes.size();) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<std::size_t>(n);
+  }
+  int err = ok ? 0 : errno;
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
+    ok = false;
+    err = errno;
+  }
+  if (!ok) {
+    ::unlink(temp.c_str());
+    why = std::strerror(err ? err : EIO);
+  }
+  return ok;
 }
 
 }  // namespace sealmark

@@ -45,6 +45,12 @@ class Table {
 // is shorter or either file fails.
 bool copyFileRange(const std::string& from, std::uint64_t begin, std::uint64_t end, const std::string& to);
 
+// Writes bytes as the file path, whole or not at all: to a new file beside
+// it (created exclusively, so a link planted there isn't followed), given
+// mode, then renamed over path.  A symlink at path is replaced, never
+// written through.  False with the reason in why.
+bool writeFileAtomically(const std::string& path, const std::string& bytes, unsigned mode, std::string& why);
+
 }  // namespace sealmark
 
 #endif

@@ -5,6 +5,7 @@
 #   impostor   a self-signed CA of the same name with a key of its own
 #   delegate   an OCSP signer (id-kp-OCSPSigning) issued by ca
 #   L<serial>  leaves, all on leaf.key, each naming what the list below says
+#   fifo       a named pipe that nothing writes to
 #   ca.crl (now, also in last.crl), clean.crl (before 29 was revoked),
 #   stale.crl (past its nextUpdate), wrongkey.crl (signed by impostor);
 #   nononce and othernonce: responses for 14 and 15 to requests without a
@@ -48,6 +49,8 @@ issue 25 "crlDistributionPoints=URI:$url/notcrl,URI:file://$PWD/none"
 issue 26 "keyUsage=digitalSignature"
 for s in 27 28; do issue $s "${dn[@]}"; done
 issue 29 "crlDistributionPoints=URI:$url/cache.crl"
+mkfifo fifo  # file: names what can't be read: a FIFO without writer, a device, a directory
+issue 2D "crlDistributionPoints=URI:file://$PWD/fifo,URI:file:///dev/zero,URI:file://$PWD,URI:file:$PWD/ca.crl"
 issue 2A "$aia/ca" "crlDistributionPoints=URI:$url/wrongkey.crl"
 issue 2B "authorityInfoAccess=caIssuers;URI:http://ca.example/ca.crt,OCSP;email:ocsp@example.com,$(
   )OCSP;URI:http://first.example/,OCSP;URI:http://second.example/" \
@@ -59,7 +62,7 @@ issue 2C "crlDistributionPoints=URI:http://a.example/,issuer,URI:http://b.exampl
 entry() { printf '%s\t491231235959Z\t%s\t%s\tunknown\t/CN=Leaf %s\n' "$1" "${3:+$(utc "$3")}" "$2" "$2"; }
 {
   for s in 11 14 15 16 17 19 1A 25 26 28 2A; do entry V $s; done
-  entry R 12 -3600; entry R 21 -7200; entry R 22 -7200; entry R 23 7200; entry R 24 -600; entry R 27 -600
+  entry R 12 -3600; entry R 21 -7200; entry R 22 -7200; entry R 23 7200; entry R 24 -600; entry R 27 -600; entry R 2D -600
 } >index.txt
 printf '[ca]\ndefault_ca = ca\ndatabase = index.txt\ncrlnumber = crlnumber\ndefault_md = sha256\n%s\n' \
   "default_crl_days = 1" >ca.cnf

@@ -126,4 +126,11 @@ bool PDFCert::savePkcs12(std::ostream& out, const char* password, const char* na
   return impl->savePkcs12(out, passwordText, nameText);
 }
 
+// Generation makes no platform context: the caller saves or uses the result.
+bool PDFCert::generate(long serial, long days, std::vector<std::string>& oids,
+                       std::vector<std::string>& values, const std::string& altName, int keySize,
+                       int keyUsage) {
+  return impl ? impl->generate(serial, days, oids, values, altName, keySize, keyUsage) : false;
+}
+
 }  // namespace PDF_Sealmark

@@ -202,10 +202,23 @@ std::string PDFCertImpl::getSignAlgorithm() const {
 
 int PDFCertImpl::getKeyUsage() const {
   if (x509 == nullptr) return 0;
-  // OpenSSL 3 keeps the keyUsage word inside the opaque X509; the flags call
-  // is the only way to it.  Without the extension the word is 0.
-  if ((X509_get_extension_flags(x509) & EXFLAG_KUSAGE) == 0) return 0;
-  return static_cast<int>(X509_get_key_usage(x509));
+  // The keyUsage extension itself, not OpenSSL's cached word: OpenSSL 3
+  // gives 0 for the whole word when any other extension is malformed (a
+  // negative basicConstraints path length, say), though the key usage is
+  // fine.  Without the extension, or with it twice, the word is 0.
+  int critical = -1;
+  ossl::UniquePtr<ASN1_STRING> bits(
+      static_cast<ASN1_BIT_STRING*>(X509_get_ext_d2i(x509, NID_key_usage, &critical, nullptr)));
+  if (!bits) return 0;
+  // KeyUsage ::= BIT STRING, bit 0 (digitalSignature) the top bit of the
+  // first octet.  OpenSSL's word holds the first octet in its low byte and
+  // the second, with decipherOnly (bit 8) on top, in the next: 0x8000.
+  const unsigned char* data = ASN1_STRING_get0_data(bits.get());
+  const int length = ASN1_STRING_length(bits.get());
+  int word = 0;
+  if (length > 0) word = data[0];
+  if (length > 1) word |= data[1] << 8;
+  return word;
 }
 
 bool PDFCertImpl::isValid(const char* time) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "pdfsealmark/PDFCert.h"
+#include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/outside/TesseraCommon.h"
 
 namespace PDF_Sealmark {
@@ -71,6 +72,11 @@ class PDFCertImpl : public TesseraCommon::TSRCObject {
   bool loadPkcs12(std::istream& in, const std::string& password);
   bool savePkcs12(std::ostream& out, const std::string& password, const std::string& name) const;
 
+  // Generation: a new RSA key and a self-signed certificate for it.
+  bool generate(long serial, long days, const std::vector<std::string>& oids,
+                const std::vector<std::string>& values, const std::string& altName, int keySize,
+                int keyUsage);
+
   // Fields, in this order; the object owns what they point at and frees it
   // when a field is replaced (through the setters or clearAll) and when it
   // ends.
@@ -109,6 +115,24 @@ std::int64_t textToTime(const char* text);
 // The whole stream from its first byte, or an empty vector when it can't be
 // read (unseekable, or a stream that throws).
 std::vector<char> readWholeStream(std::istream& in);
+
+// --- generation helpers ------------------------------------------------------
+
+// A lead byte of a Shift-JIS double-byte character: 0x81-0x9F or 0xE0-0xFC.
+bool isShiftJisLeadByte(unsigned char byte);
+
+// The ASN.1 string type a generated subject attribute gets: PrintableString
+// for an empty value; UTF8String when the value holds a Shift-JIS lead byte;
+// IA5String for emailAddress (1.2.840.113549.1.9.1); else PrintableString.
+int nameEntryStringType(const std::string& value, const std::string& oid);
+
+// The subject name generate() writes: one entry per (oid, value) pair, in
+// list order, of the type nameEntryStringType picks; a UTF8String value is
+// converted from ICU's default code page.  Pairs whose oid isn't a numeric
+// identifier OpenSSL knows, or that can't be encoded, are left out.  Null
+// only when no name could be made at all.
+ossl::UniquePtr<X509_NAME> generatedSubject(const std::vector<std::string>& oids,
+                                            const std::vector<std::string>& values);
 
 // Hands a bare certificate out as a PDFCert: a default object whose
 // implementation takes an X509_dup copy.  It holds no key, valid 0 and no

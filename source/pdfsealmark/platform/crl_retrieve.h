@@ -8,6 +8,9 @@
 //
 // What the libcurl implementation does:
 //   - "http:", "https:", "ldap:", "ftp:" and "file:" URLs, nothing else;
+//   - a "file:" URL names a local path ("file:///p", "file://localhost/p",
+//     "file:/p"); only a regular file is read, opened non-blocking, so a
+//     FIFO or a device fails at once instead of holding the caller;
 //   - every retrieval on a fresh connection, nothing cached, and over HTTP
 //     "Cache-Control: no-cache" so that no proxy answers from its cache;
 //   - gives up after the time-out, and fails a transfer that brings more

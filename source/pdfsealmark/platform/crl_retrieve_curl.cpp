@@ -5,12 +5,19 @@
 // answer, HTTP cache of a proxy) stands in for the source.
 #include <curl/curl.h>
 #include <cxxabi.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "pdfsealmark/platform/crl_retrieve.h"
 
@@ -120,6 +127,78 @@ bool startsWith(const char* text, const char* prefix) {
   return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The local path of a "file:" URL (RFC 8089): "file:///p", "file://localhost/p"
+// or "file:/p", percent-decoded, without query or fragment.  False for a URL
+// that names another host or a path with a zero byte in it.
+bool localPath(const char* url, std::string& path) {
+  std::string rest(url + std::strlen("file:"));
+  rest = rest.substr(0, rest.find_first_of("?#"));
+  if (rest.compare(0, 2, "//") == 0) {
+    const std::size_t slash = rest.find('/', 2);
+    if (slash == std::string::npos) return false;
+    std::string host = rest.substr(2, slash - 2);
+    for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (!host.empty() && host != "localhost") return false;
+    rest = rest.substr(slash);
+  }
+  if (rest.empty() || rest[0] != '/') return false;
+  path.clear();
+  for (std::size_t i = 0; i < rest.size(); ++i) {
+    if (rest[i] == '%' && i + 2 < rest.size() && hexValue(rest[i + 1]) >= 0 && hexValue(rest[i + 2]) >= 0) {
+      path += static_cast<char>(hexValue(rest[i + 1]) * 16 + hexValue(rest[i + 2]));
+      i += 2;
+    } else {
+      path += rest[i];
+    }
+  }
+  return path.find('\0') == std::string::npos;
+}
+
+struct FdCloser {
+  int fd;
+  ~FdCloser() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+// A "file:" URL comes from a certificate, so from anyone: only a regular
+// file is read, and nothing may hold the caller up.  The open is
+// non-blocking (a FIFO would otherwise wait for a writer forever, a device
+// for its line), and the same time-out and size cap apply as on the network.
+bool readLocalFile(const char* url, std::uint32_t timeoutMs, std::vector<unsigned char>& encoded) {
+  std::string path;
+  if (!localPath(url, path)) return false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  FdCloser file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+  struct stat status;
+  if (file.fd < 0 || ::fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (status.st_size <= 0 || static_cast<std::uint64_t>(status.st_size) > kMaxCrlBytes) return false;
+  std::vector<unsigned char> bytes;
+  unsigned char buffer[65536];
+  for (;;) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    const ssize_t n = ::read(file.fd, buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno != EINTR && errno != EAGAIN) return false;
+      if (errno == EAGAIN) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      continue;
+    }
+    // The file may grow while it is read.
+    if (bytes.size() + static_cast<std::size_t>(n) > kMaxCrlBytes) return false;
+    bytes.insert(bytes.end(), buffer, buffer + n);
+  }
+  encoded.swap(bytes);
+  return !encoded.empty();
+}
+
 class CurlUrlRetrieval : public UrlRetrievalApi {
  public:
   bool CryptRetrieveObjectByUrlA(const char* url, std::uint32_t objectType, std::uint32_t flags,
@@ -139,6 +218,7 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
   static bool retrieve(const char* url, std::uint32_t objectType, std::uint32_t /*flags*/,
                        std::uint32_t timeoutMs, std::vector<unsigned char>& encoded) {
     if (url == nullptr || objectType != CONTEXT_OID_CRL) return false;
+    if (startsWith(url, "file:")) return readLocalFile(url, timeoutMs, encoded);
     const bool ldap = startsWith(url, "ldap:");
     // "ldap:/DN" names no server; libcurl has no default directory to ask.
     if (ldap && !startsWith(url, "ldap://")) return false;
@@ -156,7 +236,7 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
     const std::string target = escapeForCurl(url);
     Sink sink;
     bool set = curl_easy_setopt(e, CURLOPT_URL, target.c_str()) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https,ldap,ftp,file") == CURLE_OK;
+    set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https,ldap,ftp") == CURLE_OK;
     // Redirects stay within HTTP: a web server can't send the retrieval to
     // a local file.
     set = set && curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK;

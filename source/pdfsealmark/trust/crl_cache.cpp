@@ -1,9 +1,12 @@
 #include "pdfsealmark/trust/crl_cache.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
-
+#include <openssl/rand.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -60,8 +63,17 @@ std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const ch
 std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const char* cacheDir, std::time_t now) {
   if (url == nullptr || cacheDir == nullptr) return {};
   const std::string path = crlCachePath(cacheDir, url);
-  File file(std::fopen(path.c_str(), "rb"));
-  if (!file) return {};
+  // Only a regular file of that very name: the directory may be shared, and
+  // a FIFO planted there would block the open, a link lead elsewhere.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return {};
+  File file(::fdopen(fd, "rb"));
+  if (!file) {
+    ::close(fd);
+    return {};
+  }
+  struct stat status;
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return {};
   std::vector<unsigned char> bytes;
   if (!readAll(file.get(), bytes) || bytes.empty()) return {};
 
@@ -77,17 +89,37 @@ std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const ch
   // fetched again rather than trusted for six hours.
   const ASN1_TIME* nextUpdate = X509_CRL_get0_nextUpdate(crl.get());
   if (nextUpdate == nullptr || X509_cmp_current_time(nextUpdate) < 0) return {};
-  struct stat status;
-  if (::fstat(::fileno(file.get()), &status) == 0 && status.st_mtime < now - kCrlCacheMaxAgeSeconds) return {};
+  if (status.st_mtime < now - kCrlCacheMaxAgeSeconds) return {};
   return bytes;
 }
 
 void saveCachedCRL(const std::vector<unsigned char>& bytes, const char* url, const char* cacheDir) {
   if (cacheDir == nullptr) return;
   const std::string path = crlCachePath(cacheDir, url);
-  File file(std::fopen(path.c_str(), "wb"));
-  if (!file) return;  // no cache then; the CRL is used all the same
-  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+  // A new file of its own, then renamed over the cache name: O_EXCL and
+  // O_NOFOLLOW make sure no link or file planted at the temporary name is
+  // written through, and rename replaces whatever stands at the cache name
+  // (a link included) instead of writing into it.  Mode 0600: what a
+  // file: URL named may be private, and the cache must not pass it on.
+  std::string temp;
+  int fd = -1;
+  for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
+    unsigned char random[8];
+    if (RAND_bytes(random, sizeof random) != 1) return;
+    temp = path + "." + bytesToHex(random, sizeof random, false) + ".tmp";
+    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0 && errno != EEXIST) return;  // no cache then; the CRL is used all the same
+  }
+  if (fd < 0) return;
+  bool ok = ::fchmod(fd, 0600) == 0;
+  for (std::size_t done = 0; ok && done < bytes.size();) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<std::size_t>(n);
+  }
+  ok = ::close(fd) == 0 && ok;
+  if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) ::unlink(temp.c_str());
 }
 
 }  // namespace PDF_Sealmark

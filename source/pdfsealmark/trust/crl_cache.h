@@ -29,14 +29,17 @@ std::string crlCacheName(const char* url);
 std::string crlCachePath(const char* cacheDir, const char* url);
 
 // The bytes of the cache file for url, or nothing when there is no usable
-// one: missing, unreadable, no CRL, not signed by issuer's key (so a null
-// issuer never reads the cache), past its nextUpdate (or without one), older
-// than kCrlCacheMaxAgeSeconds at the moment now, or empty.
+// one: missing, not a regular file (a link or a FIFO is not opened),
+// unreadable, no CRL, not signed by issuer's key (so a null issuer never
+// reads the cache), past its nextUpdate (or without one), older than
+// kCrlCacheMaxAgeSeconds at the moment now, or empty.
 std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const char* cacheDir);
 std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const char* cacheDir, std::time_t now);
 
-// Writes bytes as the cache file for url, replacing any older one.  Does
-// nothing for a null cacheDir; a file that can't be written is no failure.
+// Writes bytes as the cache file for url, replacing any older one (or a
+// link, a FIFO, anything planted at that name) by a new file of mode 0600,
+// through a temporary file renamed into place.  Does nothing for a null
+// cacheDir; a file that can't be written is no failure.
 void saveCachedCRL(const std::vector<unsigned char>& bytes, const char* url, const char* cacheDir);
 
 }  // namespace PDF_Sealmark
