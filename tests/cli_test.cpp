@@ -27,6 +27,7 @@ const TempDir& files() {
     locked.documentPassword = "user";
     dir.write("locked.pdf", sign(input("two-pages-aes256.pdf"), locked));
     dir.write("notes.txt", bytes("hi\n"));
+    dir.write("user.txt", bytes("user\n"));
     certified.certify = 2;
     dir.write("certified.pdf", sign(input("fields.pdf"), certified));
     // A signature relabelled as a document time stamp: its /Contents holds
@@ -112,6 +113,12 @@ TEST(Cli, ExitCodesTablesAndMessages) {
            {"verify absent.pdf", 2, "", "sealmark: absent.pdf: No such file or directory\n"},
            {"verify --password wrong locked.pdf", 2, "", "sealmark: locked.pdf: wrong password\n"},
            {"verify --password user locked.pdf", 0, "", ""},
+           // A password from a file's first line, or from stdin, stays out of
+           // the process list.
+           {"verify --password-file user.txt locked.pdf", 0, "", ""},
+           {"revisions --password-file - locked.pdf < user.txt", 0, "2 revisions", ""},
+           {"verify --password-file notes.txt locked.pdf", 2, "", "wrong password"},
+           {"verify --password-file absent.txt locked.pdf", 2, "", "absent.txt"},
            {"verify good.pdf --extract-signed Nope --output out.pdf", 2, "", "Nope"},
            {"verify good.pdf --extract-signed Signature1", 2, "", "--output"},
            {"revisions good.pdf", 0, "3 revisions", ""},
