@@ -386,23 +386,9 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
     // algorithm, as for PDFSealmarkVerify::verify.
     const PKCS7* inner = job.p7->d.sign ? job.p7->d.sign->contents : nullptr;
     const ASN1_OCTET_STRING* content = inner && PKCS7_type_is_data(inner) ? inner->d.data : nullptr;
-    int nid = NID_undef;
-    switch (content ? ASN1_STRING_length(content) : 0) {
-      case 20:
-        nid = NID_sha1;
-        break;
-      case 32:
-        nid = NID_sha256;
-        break;
-      case 48:
-        nid = NID_sha384;
-        break;
-      case 64:
-        nid = NID_sha512;
-        break;
-      default:
-        break;
-    }
+    const char* name =
+        content ? digestNameOfLength(static_cast<std::size_t>(ASN1_STRING_length(content))) : nullptr;
+    const int nid = name ? OBJ_txt2nid(name) : NID_undef;
     if (nid == NID_undef) {
       job.embedded = false;
       s.problem = "the embedded content is not a digest";

@@ -109,6 +109,21 @@ bool readSignedBytes(PDF_Vellum::PDFDocument& doc, const ByteRange& r, SignedByt
 
 }  // namespace
 
+const char* digestNameOfLength(std::size_t length) {
+  switch (length) {
+    case 20:
+      return "sha1";
+    case 32:
+      return "sha256";
+    case 48:
+      return "sha384";
+    case 64:
+      return "sha512";
+    default:
+      return nullptr;
+  }
+}
+
 bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) {
   if (!p7 || !PKCS7_type_is_signed(p7) || !p7->d.sign || !p7->d.sign->contents || !data || size == 0) {
     return false;
@@ -117,23 +132,8 @@ bool checkContentDigest(PKCS7* p7, const unsigned char* data, std::size_t size) 
   if (!PKCS7_type_is_data(inner)) return false;
   const ASN1_OCTET_STRING* content = inner->d.data;
   if (!content) return false;
-  const char* name = nullptr;
-  switch (ASN1_STRING_length(content)) {
-    case 20:
-      name = "sha1";
-      break;
-    case 32:
-      name = "sha256";
-      break;
-    case 48:
-      name = "sha384";
-      break;
-    case 64:
-      name = "sha512";
-      break;
-    default:
-      return false;
-  }
+  const char* name = digestNameOfLength(static_cast<std::size_t>(ASN1_STRING_length(content)));
+  if (!name) return false;
   const EVP_MD* md = EVP_get_digestbyname(name);
   if (!md) return false;
   unsigned char digest[EVP_MAX_MD_SIZE];

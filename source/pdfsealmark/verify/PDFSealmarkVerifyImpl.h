@@ -91,6 +91,11 @@ class PDFSealmarkVerifyImpl : public TesseraCommon::TSRCObject {
 bool readPermission(PDF_Vellum::PDFDictionary* sigDict, PDF_Vellum::PDFDocument* doc,
                     PDF_Folio::PL_VerifyDocPerm& permission, bool& isFieldMdp);
 
+// The digest whose output has this many bytes: "sha1", "sha256", "sha384",
+// "sha512"; null for any other length.  Where only a length tells the
+// algorithm (an embedded digest, a time stamp's imprint).
+const char* digestNameOfLength(std::size_t length);
+
 // An embedded (adbe.pkcs7.sha1) signature carries the digest of the signed
 // bytes as its content.  The content's length alone picks the algorithm.
 bool checkContentDigest(PKCS7* p7, const unsigned char* signedBytes, std::size_t size);

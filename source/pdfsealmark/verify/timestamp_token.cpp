@@ -81,20 +81,10 @@ bool PDFSealmarkVerifyImpl::getHasTimeStamp() const {
 bool PDFSealmarkVerifyImpl::getSignatureDigest(std::vector<unsigned char>& digest,
                                                std::vector<unsigned char>& value) const {
   if (!pkcs7) return false;
-  const char* name = "sha1";
-  switch (digest.size()) {
-    case 32:
-      name = "sha256";
-      break;
-    case 48:
-      name = "sha384";
-      break;
-    case 64:
-      name = "sha512";
-      break;
-    default:
-      digest.resize(20);
-      break;
+  const char* name = digestNameOfLength(digest.size());
+  if (!name) {
+    name = "sha1";
+    digest.resize(20);
   }
   const EVP_MD* md = EVP_get_digestbyname(name);
   if (!md || digest.size() != static_cast<std::size_t>(EVP_MD_get_size(md))) return false;
