@@ -17,6 +17,7 @@ const char kUsage[] =
     "  cert show  print the fields of a certificate file (DER, PEM, PKCS#12)\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
+    "  chain      walk a certificate's issuer path and check each certificate on it\n"
     "  sign       sign a PDF file with a PKCS#12 key or a key in the store (incremental update)\n"
     "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
     "  store      list, import, add, export and delete certificates of the system's stores\n"
@@ -39,6 +40,7 @@ const Command kCommands[] = {
     {"sign", sealmark::runSign},
     {"timestamp-document", sealmark::runTimestampDocument},
     {"store", sealmark::runStore},
+    {"chain", sealmark::runChain},
 };
 
 }  // namespace

@@ -72,7 +72,9 @@ Json documentJson(const DocumentReport& report) {
       for (const CertReport& c : t->certificates) tsCertificates.push_back(certJson(c));
       timeStamp = Json{{"source", orNull(t->source)},
                        {"status", t->status},
-                       {"holds", t->status == 0 ? Json(true) : t->status == 3 ? Json(nullptr) : Json(false)},
+                       {"holds", t->status == 0   ? Json(true)
+                                 : t->status == 3 ? Json(nullptr)
+                                                  : Json(false)},
                        {"time", orNull(t->time)},
                        {"type", orNull(t->type)},
                        {"certificates", tsCertificates}};
@@ -97,17 +99,6 @@ Json documentJson(const DocumentReport& report) {
                               {"timestamp", timeStamp}});
   }
   return Json{{"file", report.file}, {"revisions", report.revisionEnds.size()}, {"signatures", signatures}};
-}
-
-// "20240315120000Z" (fractions of a second allowed, as in a time stamp) as
-// "2024-03-15 12:00:00Z"; any other text as it is.
-std::string displayTime(const std::optional<std::string>& t) {
-  if (!t) return "-";
-  const std::string& s = *t;
-  const bool digits = s.size() >= 15 && s.find_first_not_of("0123456789") == 14;
-  if (!digits || s.back() != 'Z' || (s.size() > 15 && s[14] != '.')) return s;
-  return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6, 2) + " " + s.substr(8, 2) + ":" +
-         s.substr(10, 2) + ":" + s.substr(12, 2) + "Z";
 }
 
 std::string timeStampText(const std::optional<TimeStampReport>& t) {
@@ -140,15 +131,12 @@ void printTable(const DocumentReport& report, std::ostream& out) {
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE", "PERMITS"});
+  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE",
+               "PERMITS"});
   int n = 0;
   for (const FieldReport& f : report.fields) {
     std::string signer = f.isSigned ? "(signer certificate not included)" : "(not signed)";
-    if (f.signer) {
-      const CertReport& c = f.certificates[*f.signer];
-      signer = attributeValue(c.subject, "2.5.4.3");
-      if (signer.empty()) signer = c.subject.empty() ? "?" : c.subject.back().value;
-    }
+    if (f.signer) signer = shortName(f.certificates[*f.signer]);
     table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", signer,
                   displayTime(f.signingTime),
                   !f.intact   ? "-"
