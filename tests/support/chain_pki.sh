@@ -13,7 +13,7 @@
 #   stranger   "Chain Stranger" by "Chain Unknown Root" (unknown)
 #   tsa        "Chain TSA" by root: tsa.cmd answers RFC 3161 requests
 #   loop-a     "Loop A" issued by "Loop B" (loop-b), which "Loop A" issued
-# Signers also as NAME.p12, password "test".
+# Signers also as NAME.p12 with their issuer, password "test".
 # Usage: chain_pki.sh DIR URL SHORT
 set -euo pipefail
 cd "$1"
@@ -86,6 +86,6 @@ certificateRevocationList;binary:: $(base64 -w0 inter.crl)" >data.ldif
 [ ! -x /usr/sbin/slapadd ] || /usr/sbin/slapadd -f slapd.conf -l data.ldif 2>/dev/null
 
 issue short short "Chain Short-lived Signer" inter inter -$day "$3" "$leaf"
-for n in signer revoked ldap short stranger; do
-  openssl pkcs12 -export -inkey $n.key -in $n.pem -passout pass:test -out $n.p12
+for n in signer:inter revoked:inter ldap:inter short:inter stranger:unknown; do
+  openssl pkcs12 -export -inkey ${n%:*}.key -in ${n%:*}.pem -certfile ${n#*:}.pem -passout pass:test -out ${n%:*}.p12
 done
