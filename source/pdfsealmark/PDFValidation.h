@@ -18,6 +18,10 @@
 //               << (v.reasons.empty() ? "" : ": " + v.reasons.front()) << "\n";
 //   }
 //
+// Revocation is asked only for a path that reaches a trusted root through
+// links that verify: the certificates, and the addresses they name, come
+// from the document.
+//
 // The time of the check is the time of a signature time stamp that holds and
 // whose authority's path passes; otherwise the signing-time attribute, which
 // only the signer claims; otherwise now.  A document time stamp is checked
@@ -62,7 +66,7 @@ class PDFSEALMARK_API PDFValidation {
     kNow,          // the moment of the check
   };
   enum class Revocation {
-    kNotChecked,   // revocation off, or the path failed before this certificate
+    kNotChecked,   // revocation off, a path not trusted or not verified, or one that failed before it
     kInRootStore,  // stands in ROOT, which is trusted as it is
     kNoSource,     // names no OCSP responder and no CRL
     kGood,         // the OCSP responder or a CRL (decidedBy) clears it

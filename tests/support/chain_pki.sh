@@ -11,9 +11,11 @@
 #              directory name, in slapd's database (revocation_pki.sh --slapd DIR)
 #   short      "Chain Short-lived Signer", like signer, expires SHORT seconds from now
 #   stranger   "Chain Stranger" by "Chain Unknown Root" (unknown)
+#   forged     "Chain Forged Signer", issued in the name of "Chain Intermediate
+#              CA" by another key (fake-inter)
 #   tsa        "Chain TSA" by root: tsa.cmd answers RFC 3161 requests
 #   loop-a     "Loop A" issued by "Loop B" (loop-b), which "Loop A" issued
-# Signers also as NAME.p12 with their issuer, password "test".
+# Signers also as NAME.p12 with their issuer (forged: with root), password "test".
 # Usage: chain_pki.sh DIR URL SHORT
 set -euo pipefail
 cd "$1"
@@ -35,22 +37,20 @@ printf '[p]\ncommonName=supplied\n[tsa]\nserial=tsa.srl\nsigner_digest=sha256\nd
 ess_cert_id_alg=sha256" >>ca.cnf
 echo 01 >tsa.srl
 key() { [ -f $1.key ] || openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out $1.key; }
-selfsigned() {  # NAME CN
-  key $1
-  openssl req -x509 -key $1.key -subj "$dn$2" -days 30 -addext basicConstraints=critical,CA:true \
-    -addext keyUsage=critical,keyCertSign,cRLSign -out $1.pem
-}
-issue() {  # NAME KEY CN DB CA START END EXTENSIONS
+issue() {  # NAME KEY CN DB CA|self START END EXTENSIONS
   key $2
   printf '%s\n' "$8" >$1.ext
+  local by="-cert $5.pem -keyfile $5.key"
+  [ $5 != self ] || by="-selfsign -keyfile $2.key"
   openssl req -new -key $2.key -subj "$dn$3" |
-    openssl ca -batch -config ca.cnf -name $4 -cert $5.pem -keyfile $5.key -in /dev/stdin -out $1.pem -notext \
+    openssl ca -batch -config ca.cnf -name $4 $by -in /dev/stdin -out $1.pem -notext \
       -preserveDN -startdate "$(utc $6)" -enddate "$(utc $7)" -extfile $1.ext 2>/dev/null
 }
-selfsigned root "Chain Root CA"
-selfsigned unknown "Chain Unknown Root"
-selfsigned loop-b "Loop B"
 day=86400
+selfsigned() { issue $1 $1 "$2" $3 self -$day $((30 * day)) "$ca"; }  # NAME CN DB
+selfsigned root "Chain Root CA" root
+selfsigned unknown "Chain Unknown Root" unknown
+selfsigned loop-b "Loop B" loop
 issue inter inter "Chain Intermediate CA" root root -$day $((30 * day)) "$ca
 crlDistributionPoints=URI:$url/root.crl"
 issue inter-old inter "Chain Intermediate CA" root root $((-20 * day)) $((-10 * day)) "$ca"
@@ -64,6 +64,9 @@ C=JP
 O=Sealmark Chain Tests
 CN=Chain Intermediate CA"
 issue stranger stranger "Chain Stranger" unknown unknown -$day $((10 * day)) "keyUsage=critical,digitalSignature"
+selfsigned fake-inter "Chain Intermediate CA" unknown
+issue forged forged "Chain Forged Signer" unknown fake-inter -$day $((10 * day)) "keyUsage=critical,digitalSignature
+authorityKeyIdentifier=none"
 issue loop-a loop-a "Loop A" loop loop-b -$day $day "$ca"
 issue loop-b loop-b "Loop B" loop loop-a -$day $day "$ca"
 for n in revoked ldap; do openssl ca -config ca.cnf -name inter -keyfile inter.key -cert inter.pem -revoke $n.pem 2>/dev/null; done
@@ -86,6 +89,6 @@ certificateRevocationList;binary:: $(base64 -w0 inter.crl)" >data.ldif
 [ ! -x /usr/sbin/slapadd ] || /usr/sbin/slapadd -f slapd.conf -l data.ldif 2>/dev/null
 
 issue short short "Chain Short-lived Signer" inter inter -$day "$3" "$leaf"
-for n in signer:inter revoked:inter ldap:inter short:inter stranger:unknown; do
+for n in signer:inter revoked:inter ldap:inter short:inter stranger:unknown forged:root; do
   openssl pkcs12 -export -inkey ${n%:*}.key -in ${n%:*}.pem -certfile ${n#*:}.pem -passout pass:test -out ${n%:*}.p12
 done

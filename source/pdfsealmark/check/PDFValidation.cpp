@@ -183,7 +183,10 @@ PDFValidation::Path assess(const PDFCert& cert, std::vector<PDFCert> given, cons
                       ", which is neither in the store ROOT nor a trust anchor");
   }
   p.result = result;
-  if (o.checkRevocation) {
+  // The certificates come from the document, and so do the addresses their
+  // checks would reach: only a path that leads to a trusted root through
+  // verified links is worth, and earns, a question over the network.
+  if (o.checkRevocation && p.trusted && links.empty()) {
     // A first pass without revocation has told the dates apart; a failure
     // now is the revocation check of the last element whose check left a
     // status, and nothing after it was asked.
