@@ -82,11 +82,13 @@ ValidationReport validationReport(const PDF_Sealmark::PDFValidation::Result& v) 
   ValidationReport r;
   r.verdict = PDF_Sealmark::PDFValidation::verdictName(v.verdict);
   r.reasons = v.reasons;
-  r.checkedAt = v.checkedAt;
-  r.timeSource = v.timeSource == TimeSource::kTimeStamp     ? "timestamp"
-                 : v.timeSource == TimeSource::kSigningTime ? "signing_time_claimed"
-                 : v.timeSource == TimeSource::kTokenTime   ? "timestamp_token"
-                                                            : "now";
+  if (!v.checkedAt.empty()) {
+    r.checkedAt = v.checkedAt;
+    r.timeSource = v.timeSource == TimeSource::kTimeStamp     ? "timestamp"
+                   : v.timeSource == TimeSource::kSigningTime ? "signing_time_claimed"
+                   : v.timeSource == TimeSource::kTokenTime   ? "timestamp_token"
+                                                              : "now";
+  }
   r.chain = pathReport(v.chain);
   if (v.hasTimeStampChain) r.timeStampChain = pathReport(v.timeStampChain);
   return r;

@@ -46,10 +46,10 @@ struct PathReport {
 struct ValidationReport {
   std::string verdict;  // "valid", "invalid", "indeterminate"
   std::vector<std::string> reasons;
-  std::string checkedAt;
+  std::optional<std::string> checkedAt;  // none when the verdict came before any time
   // "timestamp", "signing_time_claimed" (by the signer), "timestamp_token"
   // (a document time stamp's own), "now".
-  std::string timeSource;
+  std::optional<std::string> timeSource;
   PathReport chain;
   std::optional<PathReport> timeStampChain;
 };

@@ -105,8 +105,8 @@ Json validationJson(const std::optional<ValidationReport>& v) {
   if (!v) return nullptr;
   Json json{{"verdict", v->verdict},
             {"reasons", v->reasons},
-            {"checked_at", v->checkedAt},
-            {"time_source", v->timeSource}};
+            {"checked_at", orNull(v->checkedAt)},
+            {"time_source", orNull(v->timeSource)}};
   json.update(pathJson(v->chain));
   json["timestamp_chain"] = v->timeStampChain ? pathJson(*v->timeStampChain) : Json(nullptr);
   return json;
