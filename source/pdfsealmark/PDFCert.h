@@ -140,6 +140,27 @@ class PDFSEALMARK_API PDFCert {
   bool checkCRL(const char* time, const char* cacheDir, const char* ldapServers, PDFCert* issuer,
                 std::vector<PDFCert>* chain, int noNonce);
 
+  // --- chain ------------------------------------------------------------------
+  // Walks the issuer path from this certificate by names alone: the issuer
+  // of each certificate is the first certificate of `given` with that
+  // subject, else the first of the system's chain engine, until a
+  // self-issued certificate ends the path.  Signatures and key identifiers
+  // are not compared.  Then, from this certificate up, each element must be
+  // valid at `time` (isValid) and, with checkRevocation, pass checkCRL
+  // (with the next element as issuer, the top as its own, and the whole
+  // path as chain) unless it stands in the store ROOT.
+  //   0  the path doesn't reach a self-issued certificate (also when names
+  //      go round in a circle), or an element failed its date or
+  //      revocation check, or this object holds no certificate
+  //   1  every element passed; the top is not in ROOT
+  //   2  every element passed; the top is in ROOT
+  // `chain` is emptied first and then holds the path as far as it was
+  // walked, whatever the result: copies without key, each element with the
+  // revocation status (getValid) its own check left.  time, cacheDir,
+  // ldapServers, noNonce: as for checkCRL.
+  int getChain(std::vector<PDFCert>& chain, std::vector<PDFCert>& given, bool checkRevocation,
+               const char* time, const char* cacheDir, const char* ldapServers, int noNonce) const;
+
   // --- files ----------------------------------------------------------------
   // Reads a certificate from the whole stream (from its first byte, wherever
   // it stands).  der true accepts DER, then PEM; false accepts PEM only.  An

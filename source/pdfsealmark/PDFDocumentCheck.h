@@ -89,9 +89,21 @@ class PDFSEALMARK_API PDFDocumentCheck {
     std::string timeStampSource;
     // 0 holds, 1 does not hold, 2 not for this signature, 3 no conclusion.
     int timeStampStatus = 3;
-    std::string timeStampTime;  // as the token gives it; empty when unknown
+    // As the token gives it; empty when unknown.  For a document time stamp
+    // (hasTimeStamp false), the time of its own token.
+    std::string timeStampTime;
     std::string timeStampType;  // "SHA-2(256bit)"...; empty for closed services
     std::vector<PDFCert> timeStampCertificates;
+
+    // Who made it, for a verdict on trust: "intact" takes a signature made
+    // by the key of any certificate in the object.
+    // True when the first signer info verifies under the key of
+    // certificates[signer] itself.
+    bool signerKeyMatches = false;
+    // Index into timeStampCertificates of the certificate that the token's
+    // signer info names and whose key made it, when the time stamp holds;
+    // -1 otherwise.
+    int timeStampSigner = -1;
   };
 
   struct PDFSEALMARK_API Result {

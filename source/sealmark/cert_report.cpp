@@ -106,4 +106,10 @@ std::string attributeValue(const std::vector<Attribute>& name, const std::string
   return std::string();
 }
 
+std::string shortName(const CertReport& r) {
+  const std::string cn = attributeValue(r.subject, "2.5.4.3");
+  if (!cn.empty()) return cn;
+  return r.subject.empty() ? "?" : r.subject.back().value;
+}
+
 }  // namespace sealmark

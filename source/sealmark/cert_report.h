@@ -34,6 +34,10 @@ Json certJson(const CertReport& r);
 // name), or empty.
 std::string attributeValue(const std::vector<Attribute>& name, const std::string& oid);
 
+// How a table names a certificate: its common name, else the last attribute
+// of its subject.
+std::string shortName(const CertReport& r);
+
 }  // namespace sealmark
 
 #endif

@@ -32,6 +32,8 @@ int runTimestampDocument(const Args& args);
 extern const char kTimestampDocumentHelp[];
 int runStore(const Args& args);
 extern const char kStoreHelp[];
+int runChain(const Args& args);
+extern const char kChainHelp[];
 
 // Hands a PIN given on the command line to the library's certificate
 // stores (through $SEALMARK_PIN), for tokens that need one.

@@ -18,6 +18,7 @@ const char kUsage[] =
     "  cert generate  make a key and a self-signed certificate as a PKCS#12 file\n"
     "  timestamp  get an RFC 3161 time-stamp token over a file from a server\n"
     "  revocation check whether a certificate is revoked (OCSP, then its CRLs)\n"
+    "  chain      walk a certificate's issuer path and check each certificate on it\n"
     "  sign       sign a PDF file with a PKCS#12 key or a key in the store (incremental update)\n"
     "  timestamp-document  add an RFC 3161 document time stamp to a PDF file\n"
     "  store      list, import, add, export and delete certificates of the system's stores\n"
@@ -42,6 +43,7 @@ const Command kCommands[] = {
     {"timestamp-document", sealmark::runTimestampDocument},
     {"store", sealmark::runStore},
     {"report", sealmark::runReport},
+    {"chain", sealmark::runChain},
 };
 
 }  // namespace

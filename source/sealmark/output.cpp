@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <vector>
 
 namespace sealmark {
@@ -111,6 +112,22 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes, unsi
     why = std::strerror(err ? err : EIO);
   }
   return ok;
+}
+
+std::string displayTime(const std::optional<std::string>& t) {
+  if (!t) return "-";
+  const std::string& s = *t;
+  const bool digits = s.size() >= 15 && s.find_first_not_of("0123456789") == 14;
+  if (!digits || s.back() != 'Z' || (s.size() > 15 && s[14] != '.')) return s;
+  return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6, 2) + " " + s.substr(8, 2) + ":" +
+         s.substr(10, 2) + ":" + s.substr(12, 2) + "Z";
+}
+
+bool isDateText(const std::string& text) {
+  // The library reads dates by fixed positions; anything else would be
+  // read as a wrong moment, or not at all.
+  static const std::regex kDate("[0-9]{12}([0-9]{2})?(Z|[+-][0-9]{2}([0-9]{2})?)?");
+  return std::regex_match(text, kDate);
 }
 
 }  // namespace sealmark

@@ -50,6 +50,12 @@ bool copyFileRange(const std::string& from, std::uint64_t begin, std::uint64_t e
 // mode, then renamed over path.  A symlink at path is replaced, never
 // written through.  False with the reason in why.
 bool writeFileAtomically(const std::string& path, const std::string& bytes, unsigned mode, std::string& why);
+// "20240315120000Z" (fractions of a second allowed, as in a time stamp) as
+// "2024-03-15 12:00:00Z"; any other text as it is; "-" for none.
+std::string displayTime(const std::optional<std::string>& t);
+
+// A date text the library reads as meant: YYYYMMDDHHMM[SS][Z|+HH[MM]|-HH[MM]].
+bool isDateText(const std::string& text);
 
 }  // namespace sealmark
 

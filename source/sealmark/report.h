@@ -10,6 +10,7 @@
 
 #include "cert_report.h"
 #include "pdfsealmark/PDFDocumentCheck.h"
+#include "pdfsealmark/PDFValidation.h"
 
 namespace sealmark {
 
@@ -25,6 +26,32 @@ struct TimeStampReport {
   std::optional<std::string> time;    // as the token gives it
   std::optional<std::string> type;    // "SHA-2(256bit)"...
   std::vector<CertReport> certificates;
+};
+
+// One certificate of an issuer path, and its checks.
+struct PathElementReport {
+  CertReport cert;
+  bool validAtTime = false;
+  std::string revocation;  // "good", "revoked", "undecided", "no_source", "root_store", "not_checked"
+  std::optional<std::string> decidedBy;  // "ocsp", "crl"
+};
+
+struct PathReport {
+  std::vector<PathElementReport> elements;
+  int result = 0;  // of getChain
+  bool trusted = false;
+};
+
+// The verdict on a signature (verify --trust).
+struct ValidationReport {
+  std::string verdict;  // "valid", "invalid", "indeterminate"
+  std::vector<std::string> reasons;
+  std::optional<std::string> checkedAt;  // none when the verdict came before any time
+  // "timestamp", "signing_time_claimed" (by the signer), "timestamp_token"
+  // (a document time stamp's own), "now".
+  std::optional<std::string> timeSource;
+  PathReport chain;
+  std::optional<PathReport> timeStampChain;
 };
 
 // One signature field, as the library answers for it.
@@ -50,6 +77,7 @@ struct FieldReport {
   std::vector<CertReport> certificates;
   std::optional<std::size_t> signer;
   std::optional<TimeStampReport> timeStamp;
+  std::optional<ValidationReport> validation;  // with verify --trust
 };
 
 // What one read of a document tells: its revisions and its fields.
@@ -63,8 +91,11 @@ struct DocumentReport {
 // Checks the file in one pass.  Null with a reason when the file can't be
 // opened.
 // threads: for the digests of several signatures, 0 for every core.
-std::unique_ptr<DocumentReport> examineDocument(const std::string& file, const std::string& password,
-                                                std::string* whyNot, unsigned threads = 0);
+// validation: when given, each signed field also gets its verdict (one
+// document at a time, whatever the threads of the callers).
+std::unique_ptr<DocumentReport> examineDocument(
+    const std::string& file, const std::string& password, std::string* whyNot, unsigned threads = 0,
+    const PDF_Sealmark::PDFValidation::Options* validation = nullptr);
 
 }  // namespace sealmark
 

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -68,10 +67,7 @@ bool parseArgs(const Args& args, RevocationOptions& opts, int& exitCode) {
   if (files.empty()) return parser.usageError("no CERT given", exitCode);
   if (files.size() > 1) return parser.usageError("one CERT at a time", exitCode);
   if (!issuer) return parser.usageError("--issuer is required", exitCode);
-  // The library reads dates by fixed positions; anything else would be
-  // read as a wrong moment, or not at all.
-  static const std::regex kDate("[0-9]{12}([0-9]{2})?(Z|[+-][0-9]{2}([0-9]{2})?)?");
-  if (opts.time && !std::regex_match(*opts.time, kDate)) {
+  if (opts.time && !isDateText(*opts.time)) {
     return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'",
                              exitCode);
   }

@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -22,6 +24,8 @@ namespace sealmark {
 
 const char kVerifyHelp[] =
     "usage: sealmark verify [--password PW] [--json | --json-lines] [--jobs N] FILE|DIR...\n"
+    "                       [--trust [--trust-anchor FILE]... [--offline] [--crl-cache DIR]\n"
+    "                        [--ldap-servers LIST] [--no-nonce]]\n"
     "       sealmark verify [--password PW] FILE --extract-signed FIELD --output OUT\n"
     "\n"
     "Lists the signature fields of each PDF file and checks each signature\n"
@@ -36,6 +40,13 @@ const char kVerifyHelp[] =
     "  --extract-signed FIELD\n"
     "                  write the revision that FIELD's signature signed to OUT\n"
     "  --output OUT    where --extract-signed writes\n"
+    "  --trust         also judge each signature: valid, invalid or indeterminate\n"
+    "                  (certificate path, trust, revocation, time); see below\n"
+    "  --trust-anchor FILE  a root certificate (DER or PEM) to trust for this run,\n"
+    "                  besides the store ROOT; may be given several times\n"
+    "  --offline       ask no OCSP responder and fetch no CRL\n"
+    "  --crl-cache DIR, --ldap-servers LIST, --no-nonce\n"
+    "                  as for 'sealmark revocation'\n"
     "  -h, --help      show this help\n"
     "\n"
     "A document time stamp (/SubFilter /ETSI.RFC3161) is listed with kind\n"
@@ -47,8 +58,17 @@ const char kVerifyHelp[] =
     "(damaged, or a closed service's token without that service's library).\n"
     "It leaves the signature's own verdict unchanged.\n"
     "\n"
-    "exit codes: 0 every signed field is intact, 1 a signature is not intact,\n"
-    "2 bad usage or a file that cannot be opened\n";
+    "With --trust, VALIDATION gives the verdict and its first reason.  The\n"
+    "signer's certificate path is walked and checked at the time of the time\n"
+    "stamp when it holds and its authority's path passes, else at the signing\n"
+    "time the signer claims, else now; without a time stamp every certificate\n"
+    "must also be valid now.  valid: intact, a path to a trusted root, nothing\n"
+    "revoked, any time stamp holds.  invalid: not intact, a certificate revoked,\n"
+    "or a time stamp that does not hold.  indeterminate: anything else (an\n"
+    "unknown root, an expired certificate, revocation undecided).\n"
+    "\n"
+    "exit codes: 0 every signed field is intact (with --trust: valid), 1 a\n"
+    "signature is not, 2 bad usage or a file that cannot be opened\n";
 
 namespace {
 
@@ -60,9 +80,40 @@ struct VerifyOptions {
   std::vector<std::string> files;
   std::string extractField;  // --extract-signed
   std::string output;        // --output
+  bool trust = false;
+  std::vector<std::string> trustAnchors;
+  bool offline = false;
+  std::optional<std::string> cacheDir;
+  std::optional<std::string> ldapServers;
+  bool noNonce = false;
+  PDF_Sealmark::PDFValidation::Options validation;
 };
 
-Json documentJson(const DocumentReport& report) {
+Json pathJson(const PathReport& p) {
+  Json chain = Json::array(), revocation = Json::array();
+  for (const PathElementReport& e : p.elements) {
+    Json cert = certJson(e.cert);
+    cert["valid_at_time"] = e.validAtTime;
+    chain.push_back(cert);
+    revocation.push_back(
+        Json{{"sha1", e.cert.sha1}, {"status", e.revocation}, {"decided_by", orNull(e.decidedBy)}});
+  }
+  return Json{
+      {"chain", chain}, {"chain_result", p.result}, {"trusted", p.trusted}, {"revocation", revocation}};
+}
+
+Json validationJson(const std::optional<ValidationReport>& v) {
+  if (!v) return nullptr;
+  Json json{{"verdict", v->verdict},
+            {"reasons", v->reasons},
+            {"checked_at", orNull(v->checkedAt)},
+            {"time_source", orNull(v->timeSource)}};
+  json.update(pathJson(v->chain));
+  json["timestamp_chain"] = v->timeStampChain ? pathJson(*v->timeStampChain) : Json(nullptr);
+  return json;
+}
+
+Json documentJson(const DocumentReport& report, bool trust) {
   Json signatures = Json::array();
   for (const FieldReport& f : report.fields) {
     Json certificates = Json::array();
@@ -98,19 +149,9 @@ Json documentJson(const DocumentReport& report) {
                               {"signer", orNull(f.signer)},
                               {"certificates", certificates},
                               {"timestamp", timeStamp}});
+    if (trust) signatures.back()["validation"] = validationJson(f.validation);
   }
   return Json{{"file", report.file}, {"revisions", report.revisionEnds.size()}, {"signatures", signatures}};
-}
-
-// "20240315120000Z" (fractions of a second allowed, as in a time stamp) as
-// "2024-03-15 12:00:00Z"; any other text as it is.
-std::string displayTime(const std::optional<std::string>& t) {
-  if (!t) return "-";
-  const std::string& s = *t;
-  const bool digits = s.size() >= 15 && s.find_first_not_of("0123456789") == 14;
-  if (!digits || s.back() != 'Z' || (s.size() > 15 && s[14] != '.')) return s;
-  return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6, 2) + " " + s.substr(8, 2) + ":" +
-         s.substr(10, 2) + ":" + s.substr(12, 2) + "Z";
 }
 
 std::string timeStampText(const std::optional<TimeStampReport>& t) {
@@ -135,7 +176,7 @@ std::string permissionText(const std::optional<PermissionReport>& p) {
   return text;
 }
 
-void printTable(const DocumentReport& report, std::ostream& out) {
+void printTable(const DocumentReport& report, bool trust, std::ostream& out) {
   const std::size_t revisions = report.revisionEnds.size();
   out << report.file << ": " << revisions << " revision" << (revisions == 1 ? "" : "s") << ", ";
   if (report.fields.empty()) {
@@ -143,26 +184,33 @@ void printTable(const DocumentReport& report, std::ostream& out) {
     return;
   }
   out << report.fields.size() << " signature field" << (report.fields.size() == 1 ? "" : "s") << "\n";
-  Table table({"#", "FIELD", "PAGE", "SIGNER", "SIGNED AT", "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE",
-               "PERMITS"});
+  std::vector<std::string> header{"#",      "FIELD",      "PAGE",     "SIGNER",     "SIGNED AT",
+                                  "INTACT", "TIME STAMP", "REVISION", "WHOLE FILE", "PERMITS"};
+  if (trust) header.push_back("VALIDATION");
+  Table table(header);
   int n = 0;
   for (const FieldReport& f : report.fields) {
     std::string signer = f.isSigned ? "(signer certificate not included)" : "(not signed)";
-    if (f.signer) {
-      const CertReport& c = f.certificates[*f.signer];
-      signer = attributeValue(c.subject, "2.5.4.3");
-      if (signer.empty()) signer = c.subject.empty() ? "?" : c.subject.back().value;
+    if (f.signer) signer = shortName(f.certificates[*f.signer]);
+    std::vector<std::string> row{std::to_string(++n),
+                                 f.field,
+                                 f.page ? std::to_string(*f.page) : "-",
+                                 signer,
+                                 displayTime(f.signingTime),
+                                 !f.intact   ? "-"
+                                 : *f.intact ? "yes"
+                                             : "NO",
+                                 timeStampText(f.timeStamp),
+                                 f.revision ? std::to_string(*f.revision) : "-",
+                                 !f.coversWholeDocument   ? "-"
+                                 : *f.coversWholeDocument ? "yes"
+                                                          : "no",
+                                 permissionText(f.permission)};
+    if (trust) {
+      const auto& v = f.validation;
+      row.push_back(!v ? "-" : v->reasons.empty() ? v->verdict : v->verdict + ": " + v->reasons.front());
     }
-    table.addRow({std::to_string(++n), f.field, f.page ? std::to_string(*f.page) : "-", signer,
-                  displayTime(f.signingTime),
-                  !f.intact   ? "-"
-                  : *f.intact ? "yes"
-                              : "NO",
-                  timeStampText(f.timeStamp), f.revision ? std::to_string(*f.revision) : "-",
-                  !f.coversWholeDocument   ? "-"
-                  : *f.coversWholeDocument ? "yes"
-                                           : "no",
-                  permissionText(f.permission)});
+    table.addRow(row);
   }
   table.print(out, "  ");
 }
@@ -174,8 +222,20 @@ bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
       .value("--jobs", &opts.jobs)
       .secret("--password", &opts.password)
       .value("--extract-signed", &opts.extractField)
-      .value("--output", &opts.output);
+      .value("--output", &opts.output)
+      .flag("--trust", &opts.trust)
+      .repeated("--trust-anchor", &opts.trustAnchors)
+      .flag("--offline", &opts.offline)
+      .value("--crl-cache", &opts.cacheDir)
+      .value("--ldap-servers", &opts.ldapServers)
+      .flag("--no-nonce", &opts.noNonce);
   if (!parser.parse(args, opts.files, exitCode)) return false;
+  if (!opts.trust &&
+      (!opts.trustAnchors.empty() || opts.offline || opts.cacheDir || opts.ldapServers || opts.noNonce))
+    return parser.usageError(
+        "--trust-anchor, --offline, --crl-cache, --ldap-servers and --no-nonce need --trust", exitCode);
+  if (opts.trust && !opts.extractField.empty())
+    return parser.usageError("--trust and --extract-signed exclude each other", exitCode);
   if (opts.files.empty()) return parser.usageError("no FILE given", exitCode);
   if (opts.json && opts.jsonLines)
     return parser.usageError("--json and --json-lines exclude each other", exitCode);
@@ -246,6 +306,12 @@ std::vector<std::string> expandFiles(const std::vector<std::string>& operands) {
   return files;
 }
 
+// A signature that makes the exit code 1: not intact, or with --trust not
+// valid.
+bool fails(const FieldReport& f) {
+  return (f.intact && !*f.intact) || (f.validation && f.validation->verdict != "valid");
+}
+
 struct Outcome {
   std::unique_ptr<DocumentReport> report;
   std::string why;
@@ -254,13 +320,32 @@ struct Outcome {
 
 }  // namespace
 
-Json verifyJson(const DocumentReport& report) { return documentJson(report); }
+Json verifyJson(const DocumentReport& report) {
+  const bool judged = std::any_of(report.fields.begin(), report.fields.end(),
+                                  [](const FieldReport& f) { return f.validation.has_value(); });
+  return documentJson(report, judged);
+}
 
 int runVerify(const Args& args) {
   VerifyOptions opts;
   int exitCode = kExitOk;
   if (!parseArgs(args, opts, exitCode)) return exitCode;
   if (!opts.extractField.empty()) return extractSigned(opts);
+  if (opts.trust) {
+    for (const std::string& file : opts.trustAnchors) {
+      PDF_Sealmark::PDFCert anchor;
+      std::ifstream in(file, std::ios::binary);
+      if (!in || !anchor.loadX509(in, true)) {
+        complain(file, in ? "no certificate in DER or PEM" : std::strerror(errno));
+        return kExitUsage;
+      }
+      opts.validation.trustAnchors.push_back(anchor);
+    }
+    opts.validation.checkRevocation = !opts.offline;
+    opts.validation.crlCacheDir = opts.cacheDir.value_or("");
+    opts.validation.ldapServers = opts.ldapServers.value_or("");
+    opts.validation.noNonce = opts.noNonce;
+  }
 
   const std::vector<std::string> files = expandFiles(opts.files);
   const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
@@ -278,16 +363,15 @@ int runVerify(const Args& args) {
     o.done = true;
     ++finished;
     bool bad = !o.report;
-    for (const FieldReport& f : o.report ? o.report->fields : std::vector<FieldReport>()) {
-      bad = bad || (f.intact && !*f.intact);
-    }
+    for (const FieldReport& f : o.report ? o.report->fields : std::vector<FieldReport>())
+      bad = bad || fails(f);
     failed += bad;
     if (!o.report) {
       if (progress) std::cerr << "\r\033[K";  // the message replaces the progress line
       complain(files[i], o.why);
     }
     if (opts.jsonLines && o.report) {
-      printJson(std::cout, documentJson(*o.report));
+      printJson(std::cout, documentJson(*o.report, opts.trust));
       std::cout.flush();
     }
     if (progress)
@@ -302,7 +386,8 @@ int runVerify(const Args& args) {
         i = next++;
       }
       std::string why;
-      auto report = examineDocument(files[i], opts.password, &why, perFile);
+      auto report =
+          examineDocument(files[i], opts.password, &why, perFile, opts.trust ? &opts.validation : nullptr);
       std::lock_guard<std::mutex> lock(mutex);
       outcomes[i].report = std::move(report);
       outcomes[i].why = std::move(why);
@@ -321,13 +406,13 @@ int runVerify(const Args& args) {
       continue;
     }
     for (const FieldReport& f : o.report->fields) {
-      if (f.intact && !*f.intact && exitCode == kExitOk) exitCode = kExitNotVerified;
+      if (fails(f) && exitCode == kExitOk) exitCode = kExitNotVerified;
     }
   }
   if (opts.json) {
     Json all = Json::array();
     for (const Outcome& o : outcomes) {
-      if (o.report) all.push_back(documentJson(*o.report));
+      if (o.report) all.push_back(documentJson(*o.report, opts.trust));
     }
     // One file gives its object; several give an array, even of one.
     if (files.size() > 1) {
@@ -337,7 +422,7 @@ int runVerify(const Args& args) {
     }
   } else if (!opts.jsonLines) {
     for (const Outcome& o : outcomes) {
-      if (o.report) printTable(*o.report, std::cout);
+      if (o.report) printTable(*o.report, opts.trust, std::cout);
     }
   }
   return exitCode;

@@ -3,8 +3,8 @@
 #include <new>
 
 #include "pdfsealmark/cert/PDFCertImpl.h"
-#include "pdfsealmark/winstore/PDFCertWinImpl.h"
 #include "pdfsealmark/openssl_init.h"
+#include "pdfsealmark/winstore/PDFCertWinImpl.h"
 
 namespace PDF_Sealmark {
 
@@ -96,6 +96,15 @@ bool PDFCert::checkCRL(const char* time, const char* cacheDir, const char* ldapS
   if (!impl) return false;
   X509* issuerCert = issuer ? reinterpret_cast<X509*>(issuer->getX509()) : nullptr;
   return impl->checkCRL(time, cacheDir, ldapServers, issuerCert, chain, noNonce);
+}
+
+int PDFCert::getChain(std::vector<PDFCert>& chain, std::vector<PDFCert>& given, bool checkRevocation,
+                      const char* time, const char* cacheDir, const char* ldapServers, int noNonce) const {
+  if (!impl) {
+    chain.clear();
+    return 0;
+  }
+  return impl->getChain(chain, given, checkRevocation, time, cacheDir, ldapServers, noNonce);
 }
 
 bool PDFCert::loadX509(std::istream& in, bool der) {

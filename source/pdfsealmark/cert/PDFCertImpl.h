@@ -65,6 +65,9 @@ class PDFCertImpl : public TesseraCommon::TSRCObject {
   bool checkCRL(const char* time, const char* cacheDir, const char* ldapServers, X509* issuer,
                 std::vector<PDFCert>* chain, int noNonce);
   int checkOCSP(const char* url, X509* issuer, std::vector<PDFCert>* chain, int noNonce);
+  // The issuer path and its verdict (0, 1, 2), as PDFCert::getChain.
+  int getChain(std::vector<PDFCert>& chain, const std::vector<PDFCert>& given, bool checkRevocation,
+               const char* time, const char* cacheDir, const char* ldapServers, int noNonce) const;
 
   // Files.
   bool loadX509(std::istream& in, bool der);

@@ -156,8 +156,11 @@ void judgeCoverage(Job& job, std::uint64_t fileSize) {
 // the signer info's own algorithm.  Candidates are the certificates the
 // signer info names first, then the others, so a signature made by any key
 // in the object counts, as it does for PDFSealmarkVerify::verify.
+// firstSigner, when given, receives the certificate whose key made the first
+// signer info.
 bool checkSignerInfos(PKCS7* p7, const std::vector<X509*>& certs,
-                      const std::function<Bytes(PKCS7_SIGNER_INFO*)>& digestFor, std::string& problem) {
+                      const std::function<Bytes(PKCS7_SIGNER_INFO*)>& digestFor, std::string& problem,
+                      X509** firstSigner = nullptr) {
   STACK_OF(PKCS7_SIGNER_INFO)* infos = PKCS7_get_signer_info(p7);
   if (!infos) {
     problem = "the PKCS#7 object is not signed data";
@@ -190,6 +193,7 @@ bool checkSignerInfos(PKCS7* p7, const std::vector<X509*>& certs,
         return false;
       }
       settled = verifySignerInfo(si, order[c], digest);
+      if (settled && i == 0 && firstSigner) *firstSigner = order[c];
     }
     if (!settled) {
       problem =
@@ -210,7 +214,8 @@ std::function<Bytes(PKCS7_SIGNER_INFO*)> digestOfOctets(const ASN1_OCTET_STRING*
 
 // RFC 3161: the token's message imprint must be the digest of the ranges,
 // and the token's own signer info must verify over its TSTInfo.
-bool checkTimeStampToken(Job& job, const std::vector<Bytes>& digests, std::string& problem) {
+bool checkTimeStampToken(Job& job, const std::vector<Bytes>& digests, std::string& problem,
+                         X509** firstSigner) {
   ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(job.p7));
   const ASN1_TYPE* content = info ? job.p7->d.sign->contents->d.other : nullptr;
   if (!content || content->type != V_ASN1_OCTET_STRING || digests.empty()) {
@@ -224,7 +229,8 @@ bool checkTimeStampToken(Job& job, const std::vector<Bytes>& digests, std::strin
     problem = "the time stamp's message imprint is not the digest of the signed bytes";
     return false;
   }
-  return checkSignerInfos(job.p7, job.certs, digestOfOctets(content->value.octet_string), problem);
+  return checkSignerInfos(job.p7, job.certs, digestOfOctets(content->value.octet_string), problem,
+                          firstSigner);
 }
 
 // adbe.x509.rsa_sha1: /Contents is a DER OCTET STRING holding a PKCS#1
@@ -264,6 +270,26 @@ void readCertStrings(PDFObject* value, Job& job) {
   }
 }
 
+// Which of the token's certificates made its first signer info: the one it
+// names, checked over the TSTInfo it signs; -1 for none.
+int timeStampSigner(PKCS7* token, const std::vector<PDFCert>& certs) {
+  STACK_OF(PKCS7_SIGNER_INFO)* infos =
+      token && PKCS7_type_is_signed(token) ? PKCS7_get_signer_info(token) : nullptr;
+  PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, 0);
+  const PKCS7* inner = token && token->d.sign ? token->d.sign->contents : nullptr;
+  // The union member is d.other only for a content type OpenSSL doesn't
+  // know, as id-ct-TSTInfo.
+  const bool tstInfo = inner && OBJ_obj2nid(inner->type) == NID_id_smime_ct_TSTInfo;
+  const ASN1_TYPE* content = tstInfo ? inner->d.other : nullptr;
+  if (!si || !si->digest_alg || !content || content->type != V_ASN1_OCTET_STRING) return -1;
+  const Bytes digest = digestOfOctets(content->value.octet_string)(si);
+  for (std::size_t i = 0; i < certs.size(); ++i) {
+    X509* cert = reinterpret_cast<X509*>(certs[i].getX509());
+    if (cert && signerInfoNames(si, cert) && verifySignerInfo(si, cert, digest)) return static_cast<int>(i);
+  }
+  return -1;
+}
+
 // The time stamp questions read only what parse kept, never the file.
 void readTimeStamp(const PDFSealmarkVerifyImpl& v, PDFDocumentCheck::Signature& s) {
   s.hasTimeStamp = v.getHasTimeStamp();
@@ -294,6 +320,7 @@ void readTimeStamp(const PDFSealmarkVerifyImpl& v, PDFDocumentCheck::Signature& 
   }
   s.timeStampType = v.getTimeStampType();
   v.getTimeStampCerts(s.timeStampCertificates);
+  if (s.timeStampStatus == 0) s.timeStampSigner = timeStampSigner(v.tsPkcs7, s.timeStampCertificates);
 }
 
 // Reads the field and decides what the pass must digest for it.
@@ -374,6 +401,7 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
   if (s.kind == PDFDocumentCheck::Kind::kDocumentTimeStamp) {
     ossl::UniquePtr<TS_TST_INFO> info(PKCS7_to_TS_TST_INFO(job.p7));
     if (info) {
+      s.timeStampTime = timeToText(TS_TST_INFO_get_time(info.get()));
       job.digests.push_back(
           std::make_unique<ContentDigest>(TS_MSG_IMPRINT_get_algo(TS_TST_INFO_get_msg_imprint(info.get()))));
     }
@@ -434,10 +462,11 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
   std::vector<Bytes> digests;
   for (auto& d : job.digests) digests.push_back(d->finish());
   bool intact = false;
+  X509* firstSigner = nullptr;
   if (job.rsaSha1) {
     intact = !digests.empty() && checkRsaSha1(job, digests.front(), s.problem);
   } else if (s.kind == PDFDocumentCheck::Kind::kDocumentTimeStamp) {
-    intact = checkTimeStampToken(job, digests, s.problem);
+    intact = checkTimeStampToken(job, digests, s.problem, &firstSigner);
   } else if (job.embedded) {
     const ASN1_OCTET_STRING* content = job.p7->d.sign->contents->d.data;
     intact = !digests.empty() &&
@@ -446,7 +475,7 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
     if (!intact) {
       s.problem = "the embedded digest is not the digest of the signed bytes";
     } else {
-      intact = checkSignerInfos(job.p7, job.certs, digestOfOctets(content), s.problem);
+      intact = checkSignerInfos(job.p7, job.certs, digestOfOctets(content), s.problem, &firstSigner);
     }
   } else {
     auto fromPass = [&](PKCS7_SIGNER_INFO* si) {
@@ -455,9 +484,11 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
       }
       return Bytes();
     };
-    intact = checkSignerInfos(job.p7, job.certs, fromPass, s.problem);
+    intact = checkSignerInfos(job.p7, job.certs, fromPass, s.problem, &firstSigner);
   }
   s.intact = intact ? 1 : 0;
+  // The rsa_sha1 check uses the first certificate of /Cert, which is the signer.
+  s.signerKeyMatches = intact && s.signer >= 0 && (job.rsaSha1 || firstSigner == job.certs[s.signer]);
   if (intact) s.problem.clear();
 }
 
