@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -315,6 +316,7 @@ bool fails(const FieldReport& f) {
 struct Outcome {
   std::unique_ptr<DocumentReport> report;
   std::string why;
+  std::string text;  // what the file prints: its JSON line, or its table
   bool done = false;
 };
 
@@ -371,7 +373,7 @@ int runVerify(const Args& args) {
       complain(files[i], o.why);
     }
     if (opts.jsonLines && o.report) {
-      printJson(std::cout, documentJson(*o.report, opts.trust));
+      std::cout << o.text;
       std::cout.flush();
     }
     if (progress)
@@ -388,7 +390,16 @@ int runVerify(const Args& args) {
       std::string why;
       auto report =
           examineDocument(files[i], opts.password, &why, perFile, opts.trust ? &opts.validation : nullptr);
+      // The output too is made here, on the worker, not by one thread at
+      // the end.
+      std::ostringstream text;
+      if (report && (opts.json || opts.jsonLines)) {
+        printJson(text, documentJson(*report, opts.trust));
+      } else if (report) {
+        printTable(*report, opts.trust, text);
+      }
       std::lock_guard<std::mutex> lock(mutex);
+      outcomes[i].text = text.str();
       outcomes[i].report = std::move(report);
       outcomes[i].why = std::move(why);
       finish(i);
@@ -410,20 +421,20 @@ int runVerify(const Args& args) {
     }
   }
   if (opts.json) {
-    Json all = Json::array();
+    // One file gives its object; several give an array, even of one: the
+    // objects as each was printed, without their line ends, between
+    // brackets.
+    std::string all;
     for (const Outcome& o : outcomes) {
-      if (o.report) all.push_back(documentJson(*o.report, opts.trust));
+      if (o.report) all += (all.empty() ? "" : ",") + o.text.substr(0, o.text.size() - 1);
     }
-    // One file gives its object; several give an array, even of one.
     if (files.size() > 1) {
-      printJson(std::cout, all);
+      std::cout << "[" << all << "]\n";
     } else if (!all.empty()) {
-      printJson(std::cout, all.front());
+      std::cout << all << "\n";
     }
   } else if (!opts.jsonLines) {
-    for (const Outcome& o : outcomes) {
-      if (o.report) printTable(*o.report, opts.trust, std::cout);
-    }
+    for (const Outcome& o : outcomes) std::cout << o.text;
   }
   return exitCode;
 }

@@ -509,10 +509,12 @@ bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>&
   const std::size_t chunk =
       static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, std::max<std::uint64_t>(fileSize, 1)));
   const std::uint64_t chunks = (fileSize + chunk - 1) / chunk;
-  // One thread reads while the others digest; more than one per signature
-  // would only wait, and a file of a few chunks isn't worth a thread.
+  // No more threads than signatures: reading is a copy from the page cache,
+  // cheaper done by the thread that then digests the chunk while it is
+  // still in that core's cache than handed to another core.  A file of a
+  // few chunks isn't worth a thread.
   const std::size_t workers =
-      chunks <= 4 ? 1 : std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size() + 1));
+      chunks <= 4 ? 1 : std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size()));
   struct Slot {
     std::unique_ptr<unsigned char[]> bytes;
     unsigned char* data() { return bytes.get() + MarkerScanner::kCarry; }
