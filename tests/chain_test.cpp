@@ -215,6 +215,16 @@ TEST(Chain, VerifyTrust) {
     EXPECT_EQ(got.substr(0, row.wanted.size()), row.wanted) << row.pdf << " " << row.args;
     ::unlink(file("ocsp.http").c_str());
   }
+  // The HTML report gives the same verdicts, and its exit code follows them.
+  for (const auto& [pdf, code, verdict] : {std::tuple<std::string, int, std::string>{"signer-ts.pdf", 0, "valid"},
+                                           {"stranger.pdf", 1, "indeterminate"}}) {
+    const auto r = run(world().env("/dev/null") + sealtest::sealmark("report --trust --offline " + root + " " +
+                                                                      file(pdf) + " --output " + file("page.html")));
+    EXPECT_EQ(r.exitCode, code) << pdf << r.err;
+    EXPECT_NE(sealtest::text(sealtest::readFile(file("page.html"))).find("<strong>" + verdict + "</strong>"),
+              std::string::npos)
+        << pdf;
+  }
   if (!slapd) GTEST_SKIP() << "no slapd (scripts/install-deps.sh installs it)";
   EXPECT_EQ(verdicts("ldap.pdf", root + ldap, "/dev/null"),
             "1 invalid " + claimed + " r--: 'Chain LDAP Signer' is revoked (by its CRL)");

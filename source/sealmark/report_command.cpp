@@ -1,7 +1,7 @@
 // sealmark report: a picture of a signed PDF as one HTML file.
 #include <cstdio>
-#include <fstream>
 #include <iostream>
+#include <sstream>
 #include <string>
 
 #include "args.h"
@@ -10,11 +10,14 @@
 #include "pdfsealmark/PDFRevisionChanges.h"
 #include "report.h"
 #include "report_html.h"
+#include "trust_options.h"
 
 namespace sealmark {
 
 const char kReportHelp[] =
     "usage: sealmark report [--password PW] FILE --output REPORT.html\n"
+    "                       [--trust [--trust-anchor FILE]... [--offline] [--crl-cache DIR]\n"
+    "                        [--ldap-servers LIST] [--no-nonce]]\n"
     "\n"
     "Writes one self-contained HTML page (no script, nothing fetched) that\n"
     "shows the revisions of a signed PDF file, what each signature covers,\n"
@@ -24,18 +27,24 @@ const char kReportHelp[] =
     "  --password PW   password of an encrypted file (user or owner)\n"
     "  --password-file FILE  the same, from FILE's first line (- for stdin)\n"
     "  --output OUT    where the page is written\n"
+    "  --trust         also judge each signature, as 'sealmark verify --trust'\n"
+    "                  does, and show the verdict and its reasons on its card;\n"
+    "                  the other options are those of verify\n"
     "  -h, --help      show this help\n"
     "\n"
-    "exit codes: 0 written and every signed field intact, 1 written but a\n"
-    "signature is not intact, 2 bad usage, an unreadable file or OUT not written\n";
+    "exit codes: 0 written and every signed field intact (with --trust:\n"
+    "valid), 1 written but a signature is not, 2 bad usage, an unreadable file\n"
+    "or OUT not written\n";
 
 int runReport(const Args& args) {
   std::string password, output;
   std::vector<std::string> files;
   int exitCode = kExitOk;
   ArgParser parser("report", kReportHelp);
+  TrustOptions trust;
   parser.secret("--password", &password).value("--output", &output);
-  if (!parser.parse(args, files, exitCode)) return exitCode;
+  trust.addTo(parser);
+  if (!parser.parse(args, files, exitCode) || !trust.check(parser, exitCode)) return exitCode;
   if (files.size() != 1 || output.empty()) {
     parser.usageError(files.empty()       ? "no FILE given"
                       : files.size() != 1 ? "one FILE only"
@@ -46,7 +55,8 @@ int runReport(const Args& args) {
   const std::string& file = files.front();
 
   std::string why;
-  auto document = examineDocument(file, password, &why);
+  if (!trust.load()) return kExitUsage;
+  auto document = examineDocument(file, password, &why, 0, trust.forCheck());
   if (!document) {
     complain(file, why);
     return kExitUsage;
@@ -60,17 +70,13 @@ int runReport(const Args& args) {
   if (PDF_Sealmark::PDFRevisionChanges::read(file, password, changes, &input.whyNoChanges, options))
     input.changes = &changes;
 
-  // Written beside the target and renamed, so a reader never sees half a page.
-  const std::string temporary = output + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    writeHtmlReport(out, input);
-    out.close();
-    if (!out || std::rename(temporary.c_str(), output.c_str()) != 0) {
-      std::remove(temporary.c_str());
-      complain(output, "cannot write");
-      return kExitUsage;
-    }
+  // Written beside the target and renamed, so a reader never sees half a
+  // page and a link planted at the name is replaced, not written through.
+  std::ostringstream page;
+  writeHtmlReport(page, input);
+  if (!writeFileAtomically(output, page.str(), 0644, why)) {
+    complain(output, why);
+    return kExitUsage;
   }
   // The answer holds field names from the file: no control characters to
   // the terminal.
@@ -80,7 +86,8 @@ int runReport(const Args& args) {
   }
   std::cout << "wrote " << output << ": " << summary << "\n";
   for (const FieldReport& f : document->fields) {
-    if (f.intact && !*f.intact) exitCode = kExitNotVerified;
+    if ((f.intact && !*f.intact) || (trust.trust && f.validation && f.validation->verdict != "valid"))
+      exitCode = kExitNotVerified;
   }
   return exitCode;
 }

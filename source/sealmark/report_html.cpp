@@ -529,15 +529,20 @@ void writeTimeline(std::ostream& out, const DocumentReport& doc, const Scale& sc
   out << "</ol>\n";
 }
 
+// With --trust the validation verdict colours a signature: valid as intact,
+// invalid as broken, indeterminate as no verdict.
 const char* verdictClass(const FieldReport& f) {
   if (!f.isSigned || !f.intact) return "none";
+  if (f.validation && *f.intact)
+    return f.validation->verdict == "valid" ? "ok" : f.validation->verdict == "invalid" ? "bad" : "none";
   return *f.intact ? "ok" : "bad";
 }
 
 std::string verdictWords(const FieldReport& f) {
   if (!f.isSigned) return "not signed";
   if (!f.intact) return "no verdict";
-  return *f.intact ? "intact" : "NOT intact";
+  return std::string(*f.intact ? "intact" : "NOT intact") +
+         (f.validation ? ", " + f.validation->verdict : "");
 }
 
 void writeLegend(std::ostream& out) {
@@ -768,6 +773,12 @@ void writeCard(std::ostream& out, const FieldReport& f, const Json& s, std::size
                             ? text(displayTime(s["signing_time"].get<std::string>()))
                             : "\xE2\x80\x94 (no signing-time attribute)");
     if (f.kind != "document_timestamp") row("Time stamp", timeStampWords(f));
+    if (f.validation) {
+      std::string reasons;
+      for (const std::string& r : f.validation->reasons) reasons += (reasons.empty() ? "" : "; ") + r;
+      row("Verdict", "<strong>" + text(f.validation->verdict) + "</strong>" +
+                         (reasons.empty() ? "" : " \xE2\x80\x94 " + text(reasons)));
+    }
     row("Signed revision",
         f.revision ? number(std::size_t(*f.revision)) : "\xE2\x80\x94 (does not end at a revision)");
     std::string coverage = f.coversWholeDocument && *f.coversWholeDocument ? "the whole file" : "";

@@ -20,6 +20,7 @@
 #include "output.h"
 #include "report.h"
 #include "report_html.h"
+#include "trust_options.h"
 
 namespace sealmark {
 
@@ -81,13 +82,7 @@ struct VerifyOptions {
   std::vector<std::string> files;
   std::string extractField;  // --extract-signed
   std::string output;        // --output
-  bool trust = false;
-  std::vector<std::string> trustAnchors;
-  bool offline = false;
-  std::optional<std::string> cacheDir;
-  std::optional<std::string> ldapServers;
-  bool noNonce = false;
-  PDF_Sealmark::PDFValidation::Options validation;
+  TrustOptions trust;
 };
 
 Json pathJson(const PathReport& p) {
@@ -223,19 +218,10 @@ bool parseArgs(const Args& args, VerifyOptions& opts, int& exitCode) {
       .value("--jobs", &opts.jobs)
       .secret("--password", &opts.password)
       .value("--extract-signed", &opts.extractField)
-      .value("--output", &opts.output)
-      .flag("--trust", &opts.trust)
-      .repeated("--trust-anchor", &opts.trustAnchors)
-      .flag("--offline", &opts.offline)
-      .value("--crl-cache", &opts.cacheDir)
-      .value("--ldap-servers", &opts.ldapServers)
-      .flag("--no-nonce", &opts.noNonce);
-  if (!parser.parse(args, opts.files, exitCode)) return false;
-  if (!opts.trust &&
-      (!opts.trustAnchors.empty() || opts.offline || opts.cacheDir || opts.ldapServers || opts.noNonce))
-    return parser.usageError(
-        "--trust-anchor, --offline, --crl-cache, --ldap-servers and --no-nonce need --trust", exitCode);
-  if (opts.trust && !opts.extractField.empty())
+      .value("--output", &opts.output);
+  opts.trust.addTo(parser);
+  if (!parser.parse(args, opts.files, exitCode) || !opts.trust.check(parser, exitCode)) return false;
+  if (opts.trust.trust && !opts.extractField.empty())
     return parser.usageError("--trust and --extract-signed exclude each other", exitCode);
   if (opts.files.empty()) return parser.usageError("no FILE given", exitCode);
   if (opts.json && opts.jsonLines)
@@ -333,21 +319,7 @@ int runVerify(const Args& args) {
   int exitCode = kExitOk;
   if (!parseArgs(args, opts, exitCode)) return exitCode;
   if (!opts.extractField.empty()) return extractSigned(opts);
-  if (opts.trust) {
-    for (const std::string& file : opts.trustAnchors) {
-      PDF_Sealmark::PDFCert anchor;
-      std::ifstream in(file, std::ios::binary);
-      if (!in || !anchor.loadX509(in, true)) {
-        complain(file, in ? "no certificate in DER or PEM" : std::strerror(errno));
-        return kExitUsage;
-      }
-      opts.validation.trustAnchors.push_back(anchor);
-    }
-    opts.validation.checkRevocation = !opts.offline;
-    opts.validation.crlCacheDir = opts.cacheDir.value_or("");
-    opts.validation.ldapServers = opts.ldapServers.value_or("");
-    opts.validation.noNonce = opts.noNonce;
-  }
+  if (!opts.trust.load()) return kExitUsage;
 
   const std::vector<std::string> files = expandFiles(opts.files);
   const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
@@ -388,15 +360,14 @@ int runVerify(const Args& args) {
         i = next++;
       }
       std::string why;
-      auto report =
-          examineDocument(files[i], opts.password, &why, perFile, opts.trust ? &opts.validation : nullptr);
+      auto report = examineDocument(files[i], opts.password, &why, perFile, opts.trust.forCheck());
       // The output too is made here, on the worker, not by one thread at
       // the end.
       std::ostringstream text;
       if (report && (opts.json || opts.jsonLines)) {
-        printJson(text, documentJson(*report, opts.trust));
+        printJson(text, documentJson(*report, opts.trust.trust));
       } else if (report) {
-        printTable(*report, opts.trust, text);
+        printTable(*report, opts.trust.trust, text);
       }
       std::lock_guard<std::mutex> lock(mutex);
       outcomes[i].text = text.str();
