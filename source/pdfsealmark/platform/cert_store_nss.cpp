@@ -12,6 +12,8 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
+#include <memory>
+#include <mutex>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -124,7 +126,7 @@ bool isHashName(const char* name) {
 
 // The system's trust anchors: OpenSSL's default CA file, then the
 // certificates of its default CA directories, each once.
-std::vector<Der> systemAnchors() {
+std::vector<Der> readSystemAnchors() {
   std::vector<Der> out;
   std::set<Der> seen;
   const char* file = std::getenv(X509_get_default_cert_file_env());
@@ -148,6 +150,24 @@ std::vector<Der> systemAnchors() {
     for (const std::string& name : names) readPemCerts(dir + "/" + name, seen, out);
   }
   return out;
+}
+
+// The anchors, read once per process and setting of SSL_CERT_FILE and
+// SSL_CERT_DIR: the system's bundle is some 150 files, and one validation
+// opens the store ROOT several times.
+std::shared_ptr<const std::vector<Der>> systemAnchors() {
+  static std::mutex mutex;
+  static std::string readFor;
+  static std::shared_ptr<const std::vector<Der>> anchors;
+  const char* file = std::getenv(X509_get_default_cert_file_env());
+  const char* dirs = std::getenv(X509_get_default_cert_dir_env());
+  const std::string setting = std::string(file ? file : "\n") + '\0' + (dirs ? dirs : "\n");
+  std::lock_guard<std::mutex> lock(mutex);
+  if (!anchors || readFor != setting) {
+    anchors = std::make_shared<const std::vector<Der>>(readSystemAnchors());
+    readFor = setting;
+  }
+  return anchors;
 }
 
 bool sha1Matches(PCCERT_CONTEXT context, const CRYPT_HASH_BLOB* hash) {
@@ -307,7 +327,8 @@ HCERTSTORE CertOpenSystemStoreA(HCRYPTPROV, const char* name) {
     }
   }
   if (which == "ROOT") {
-    for (const Der& der : systemAnchors()) {
+    const auto anchors = systemAnchors();
+    for (const Der& der : *anchors) {
       if (listed.count(der) != 0) continue;
       // A system anchor stands in no store of the database: it can be
       // found and read, not deleted.
@@ -460,7 +481,8 @@ bool CertGetCertificateChain(HCERTCHAINENGINE engine, PCCERT_CONTEXT context, co
     if (cert.caTrusted) X509_STORE_add_cert(anchors.get(), x509.get());
     if (sk_X509_push(others.get(), x509.get()) > 0) x509.release();
   }
-  for (const Der& der : systemAnchors()) {
+  const auto system = systemAnchors();
+  for (const Der& der : *system) {
     if (ossl::UniquePtr<X509> x509 = decode(der)) X509_STORE_add_cert(anchors.get(), x509.get());
   }
   X509_STORE_CTX* storeContext = X509_STORE_CTX_new();
