@@ -6,7 +6,7 @@
 // plain index (no index is registered with OpenSSL):
 //   0  the certificate context, read only while the method initialises
 //   1  the provider of the key       2  the key (null: no key at hand)
-//   3  the key specification         4  whether the provider is ours to release
+//   3  which key: AT_KEYEXCHANGE/SIGN  4  whether the provider is ours to release
 // Signing (RSA_sign, and EVP signing with PKCS#1 v1.5 padding) and
 // decryption go to the platform; verification and public encryption stay
 // in OpenSSL; raw private encryption (PSS, no padding) is refused.
