@@ -78,19 +78,6 @@ bool parseArgs(const Args& args, ChainOptions& opts, int& exitCode) {
   return true;
 }
 
-bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
-    complain(file, std::strerror(errno));
-    return false;
-  }
-  if (!cert.loadX509(in, true)) {
-    complain(file, "no certificate in DER or PEM");
-    return false;
-  }
-  return true;
-}
-
 const char* const kResults[] = {"incomplete or failed", "complete, top not trusted", "complete, top trusted"};
 
 // What getValid says decided the element's revocation check.

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "pdfsealmark/PDFCert.h"
+
 namespace sealmark {
 
 enum ExitCode { kExitOk = 0, kExitNotVerified = 1, kExitUsage = 2 };
@@ -43,6 +45,10 @@ extern const char kReportHelp[];
 
 // One line on stderr: "sealmark: <what>: <reason>".
 void complain(const std::string& what, const std::string& reason);
+
+// Reads a certificate file, DER or PEM; false after such a line (the
+// file's error, or that it holds no certificate).
+bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert);
 
 }  // namespace sealmark
 

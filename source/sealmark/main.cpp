@@ -1,5 +1,7 @@
 // sealmark: check the digital signatures of PDF files from the command line.
+#include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 
 #include "commands.h"
@@ -52,6 +54,19 @@ namespace sealmark {
 
 void complain(const std::string& what, const std::string& reason) {
   std::cerr << "sealmark: " << what << ": " << reason << std::endl;
+}
+
+bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) {
+    complain(file, std::strerror(errno));
+    return false;
+  }
+  if (!cert.loadX509(in, true)) {
+    complain(file, "no certificate in DER or PEM");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace sealmark

@@ -76,19 +76,6 @@ bool parseArgs(const Args& args, RevocationOptions& opts, int& exitCode) {
   return true;
 }
 
-bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
-    complain(file, std::strerror(errno));
-    return false;
-  }
-  if (!cert.loadX509(in, true)) {
-    complain(file, "no certificate in DER or PEM");
-    return false;
-  }
-  return true;
-}
-
 const char* decidedBy(bool notRevoked, int valid) {
   switch (valid) {
     case 1:

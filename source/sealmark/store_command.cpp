@@ -190,12 +190,8 @@ int add(PDFCertWinStore& store, const std::string& file, const std::string& stor
     complain("store", "add needs --store ADDRESSBOOK or --store ROOT (see 'sealmark store --help')");
     return kExitUsage;
   }
-  std::ifstream in(file, std::ios::binary);
   PDFCert cert;
-  if (!in || !cert.loadX509(in, true)) {
-    complain(file, in ? "no certificate in DER or PEM" : std::strerror(errno));
-    return kExitUsage;
-  }
+  if (!loadCertificate(file, cert)) return kExitUsage;
   if (!store.addToStore(cert, n)) {
     complain(file, "the database refused the certificate");
     return kExitUsage;

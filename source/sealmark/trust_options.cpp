@@ -1,10 +1,6 @@
 #include "trust_options.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-
-#include "output.h"
+#include "commands.h"
 
 namespace sealmark {
 
@@ -28,11 +24,7 @@ bool TrustOptions::load() {
   if (!trust) return true;
   for (const std::string& file : anchors) {
     PDF_Sealmark::PDFCert anchor;
-    std::ifstream in(file, std::ios::binary);
-    if (!in || !anchor.loadX509(in, true)) {
-      complain(file, in ? "no certificate in DER or PEM" : std::strerror(errno));
-      return false;
-    }
+    if (!loadCertificate(file, anchor)) return false;
     validation.trustAnchors.push_back(anchor);
   }
   validation.checkRevocation = !offline;
