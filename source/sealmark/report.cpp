@@ -96,6 +96,19 @@ ValidationReport validationReport(const PDF_Sealmark::PDFValidation::Result& v) 
 
 }  // namespace
 
+const char* timeStampVerdict(const TimeStampReport& t) {
+  switch (t.status) {
+    case 0:
+      return "holds";
+    case 1:
+      return "does not hold";
+    case 2:
+      return "not for this signature";
+    default:
+      return t.source ? "cannot be checked" : "cannot be checked: no library";
+  }
+}
+
 std::unique_ptr<DocumentReport> examineDocument(const std::string& file, const std::string& password,
                                                 std::string* whyNot, unsigned threads,
                                                 const PDF_Sealmark::PDFValidation::Options* validation) {

@@ -54,6 +54,11 @@ struct ValidationReport {
   std::optional<PathReport> timeStampChain;
 };
 
+// What a time stamp's status means, in the words of the table and the
+// report: "holds", "does not hold", "not for this signature", "cannot be
+// checked", "cannot be checked: no library".
+const char* timeStampVerdict(const TimeStampReport& t);
+
 // One signature field, as the library answers for it.
 struct FieldReport {
   std::string field;

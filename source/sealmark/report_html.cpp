@@ -723,12 +723,10 @@ bool handledKey(const std::string& key) {
 std::string timeStampWords(const FieldReport& f) {
   if (!f.timeStamp) return "\xE2\x80\x94 (none)";
   const TimeStampReport& t = *f.timeStamp;
-  static const char* const kWords[] = {"<span class=\"verdict-ok\">holds</span>",
-                                       "<span class=\"verdict-bad\">does not hold</span>",
-                                       "<span class=\"verdict-bad\">not for this signature</span>"};
-  std::string words = t.status >= 0 && t.status <= 2 ? kWords[t.status]
-                      : t.source                     ? "cannot be checked"
-                                                     : "cannot be checked: no library";
+  std::string words = text(timeStampVerdict(t));
+  if (t.status >= 0 && t.status <= 2)
+    words = std::string("<span class=\"") + (t.status == 0 ? "verdict-ok" : "verdict-bad") + "\">" + words +
+            "</span>";
   if (t.time) words += " " + text(displayTime(*t.time));
   std::vector<std::string> about;
   if (t.source) about.push_back(*t.source);

@@ -152,16 +152,8 @@ Json documentJson(const DocumentReport& report, bool trust) {
 
 std::string timeStampText(const std::optional<TimeStampReport>& t) {
   if (!t) return "-";
-  switch (t->status) {
-    case 0:
-      return "holds " + displayTime(t->time);
-    case 1:
-      return "does not hold";
-    case 2:
-      return "not for this signature";
-    default:
-      return t->source ? "cannot be checked" : "cannot be checked: no library";
-  }
+  const std::string verdict = timeStampVerdict(*t);
+  return t->status == 0 ? verdict + " " + displayTime(t->time) : verdict;
 }
 
 std::string permissionText(const std::optional<PermissionReport>& p) {
