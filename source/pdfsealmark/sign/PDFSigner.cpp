@@ -13,6 +13,7 @@
 
 #include "pdfsealmark/cert/PDFCertImpl.h"
 #include "pdfsealmark/openssl_init.h"
+#include "pdfsealmark/platform/atomic_file.h"
 #include "pdfsealmark/sign/cms_builder.h"
 #include "pdfsealmark/sign/incremental_update.h"
 
@@ -151,45 +152,15 @@ bool readInput(const std::string& path, PDFSigner::Bytes& bytes, std::string* wh
   return true;
 }
 
-// Writes a new file beside the target and renames it into place: readers of
-// the target see the old file or the new one, never a part.  mkstemp
-// creates the name exclusively, so a planted link there isn't followed.
+// The signed file replaces the target whole, with the mode a new file
+// would get.
 bool writeAtomically(const std::string& path, const PDFSigner::Bytes& bytes, std::string* why) {
-  const std::size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
-  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string temp = dir + "." + base + ".XXXXXX";
-  const int fd = ::mkstemp(&temp[0]);
-  if (fd < 0) {
-    setWhy(why, path + ": " + std::strerror(errno));
-    return false;
-  }
-  // mkstemp makes the file private; give it the mode a new file would get.
   const mode_t mask = ::umask(0);
   ::umask(mask);
-  ::fchmod(fd, 0666 & ~mask);
-  std::size_t done = 0;
-  bool ok = true;
-  while (ok && done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<std::size_t>(n);
-  }
-  int err = ok ? 0 : errno;
-  if (::close(fd) != 0 && ok) {
-    ok = false;
-    err = errno;
-  }
-  if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
-    ok = false;
-    err = errno;
-  }
-  if (!ok) {
-    ::unlink(temp.c_str());
-    setWhy(why, path + ": " + std::strerror(err ? err : EIO));
-  }
-  return ok;
+  int err = 0;
+  if (le::platform::replaceFile(path, bytes.data(), bytes.size(), 0666 & ~mask, err)) return true;
+  setWhy(why, path + ": " + std::strerror(err));
+  return false;
 }
 
 }  // namespace

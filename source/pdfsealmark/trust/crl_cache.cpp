@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 
 #include "pdfsealmark/cert/PDFCertImpl.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/platform/atomic_file.h"
 #include "pdfsealmark/platform/crl_retrieve.h"
 
 namespace PDF_Sealmark {
@@ -60,7 +60,8 @@ std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const ch
   return loadCachedCRL(url, issuer, cacheDir, std::time(nullptr));
 }
 
-std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const char* cacheDir, std::time_t now) {
+std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const char* cacheDir,
+                                         std::time_t now) {
   if (url == nullptr || cacheDir == nullptr) return {};
   const std::string path = crlCachePath(cacheDir, url);
   // Only a regular file of that very name: the directory may be shared, and
@@ -96,30 +97,11 @@ std::vector<unsigned char> loadCachedCRL(const char* url, X509* issuer, const ch
 void saveCachedCRL(const std::vector<unsigned char>& bytes, const char* url, const char* cacheDir) {
   if (cacheDir == nullptr) return;
   const std::string path = crlCachePath(cacheDir, url);
-  // A new file of its own, then renamed over the cache name: O_EXCL and
-  // O_NOFOLLOW make sure no link or file planted at the temporary name is
-  // written through, and rename replaces whatever stands at the cache name
-  // (a link included) instead of writing into it.  Mode 0600: what a
-  // file: URL named may be private, and the cache must not pass it on.
-  std::string temp;
-  int fd = -1;
-  for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
-    unsigned char random[8];
-    if (RAND_bytes(random, sizeof random) != 1) return;
-    temp = path + "." + bytesToHex(random, sizeof random, false) + ".tmp";
-    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0 && errno != EEXIST) return;  // no cache then; the CRL is used all the same
-  }
-  if (fd < 0) return;
-  bool ok = ::fchmod(fd, 0600) == 0;
-  for (std::size_t done = 0; ok && done < bytes.size();) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<std::size_t>(n);
-  }
-  ok = ::close(fd) == 0 && ok;
-  if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) ::unlink(temp.c_str());
+  // Replaced whole, never written through a link planted at the name.
+  // Mode 0600: what a file: URL named may be private, and the cache must
+  // not pass it on.  Without a cache the CRL is used all the same.
+  int err = 0;
+  le::platform::replaceFile(path, bytes.data(), bytes.size(), 0600, err);
 }
 
 }  // namespace PDF_Sealmark
