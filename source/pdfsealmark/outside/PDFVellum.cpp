@@ -9,13 +9,13 @@
 #include <sys/stat.h>
 
 #include <qpdf/BufferInputSource.hh>
-#include <qpdf/FileInputSource.hh>
 #include <qpdf/InputSource.hh>
 #include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFTokenizer.hh>
 #include <qpdf/QPDFXRefEntry.hh>
 
 #include "pdfsealmark/outside/PDFDocumentImpl.h"
+#include "pdfsealmark/outside/paged_file_source.h"
 
 namespace PDF_Vellum {
 
@@ -146,7 +146,7 @@ bool process(QPDF& qpdf, const char* path, const std::vector<unsigned char>& byt
   return guarded(
       [&] {
         if (path) {
-          qpdf.processFile(path, password.c_str());
+          qpdf.processInputSource(std::make_shared<PagedFileSource>(path), password.c_str());
         } else {
           qpdf.processMemoryFile("memory", reinterpret_cast<const char*>(bytes.data()), bytes.size(),
                                  password.c_str());
@@ -308,9 +308,7 @@ QPDFObjectHandle PDFDocument::Impl::readAsStored(int num, int gen) {
       rawBuffer = std::make_unique<Buffer>(const_cast<unsigned char*>(memory.data()), memory.size());
       rawInput = std::make_shared<BufferInputSource>("memory", rawBuffer.get());
     } else {
-      auto file = std::make_shared<FileInputSource>();
-      file->setFilename(path.c_str());
-      rawInput = file;
+      rawInput = std::make_shared<PagedFileSource>(path);
     }
   }
   rawInput->seek(it->second.getOffset(), SEEK_SET);
