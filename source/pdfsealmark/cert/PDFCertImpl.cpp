@@ -51,8 +51,12 @@ void PDFCertImpl::clearAll() {
 int PDFCertImpl::getVersion() const { return x509 ? static_cast<int>(X509_get_version(x509)) : 0; }
 
 PDFCert makePDFCert(const X509* cert) {
+  return adoptPDFCert(ossl::UniquePtr<X509>(cert ? X509_dup(cert) : nullptr));
+}
+
+PDFCert adoptPDFCert(ossl::UniquePtr<X509> cert) {
   PDFCert out;
-  if (PDFCertImpl* impl = PDFCertImpl::implOf(out)) impl->setX509(cert ? X509_dup(cert) : nullptr);
+  if (PDFCertImpl* impl = PDFCertImpl::implOf(out)) impl->setX509(cert.release());
   return out;
 }
 

@@ -141,6 +141,9 @@ ossl::UniquePtr<X509_NAME> generatedSubject(const std::vector<std::string>& oids
 // implementation takes an X509_dup copy.  It holds no key, valid 0 and no
 // platform context.
 PDFCert makePDFCert(const X509* cert);
+// The same, taking ownership of `cert` instead of copying it: a copy decodes
+// the certificate again, public key included, which OpenSSL 3 makes costly.
+PDFCert adoptPDFCert(ossl::UniquePtr<X509> cert);
 
 }  // namespace PDF_Sealmark
 
