@@ -5,7 +5,7 @@
 // on as the caller reads the body (InternetReadFile), as WinInet behaves.
 #include "pdfsealmark/platform/WinInet.h"
 
-#include <curl/curl.h>
+#include "pdfsealmark/platform/curl_api.h"
 
 #include <algorithm>
 #include <atomic>
@@ -20,25 +20,11 @@ namespace le {
 namespace platform {
 namespace {
 
-struct CurlEasyDeleter {
-  void operator()(CURL* p) const { curl_easy_cleanup(p); }
-};
-struct CurlMultiDeleter {
-  void operator()(CURLM* p) const { curl_multi_cleanup(p); }
-};
-struct CurlSlistDeleter {
-  void operator()(curl_slist* p) const { curl_slist_free_all(p); }
-};
-struct CurlUrlDeleter {
-  void operator()(CURLU* p) const { curl_url_cleanup(p); }
-};
-
-void initCurlOnce() {
-  // curl_global_init is safe to call from several threads in libcurl >= 7.84;
-  // the static makes it happen once anyway.
-  static const CURLcode rc = curl_global_init(CURL_GLOBAL_DEFAULT);
-  (void)rc;
-}
+using PDF_Sealmark::platform::curl;
+using PDF_Sealmark::platform::CurlEasy;
+using PDF_Sealmark::platform::CurlMulti;
+using PDF_Sealmark::platform::CurlSlist;
+using PDF_Sealmark::platform::CurlUrl;
 
 bool startsWithNoCase(const std::string& text, const char* prefix) {
   const std::size_t n = std::strlen(prefix);
@@ -80,7 +66,7 @@ class Request : public Handle {
  public:
   Request() : Handle(Kind::kRequest) {}
   ~Request() override {
-    if (added_) curl_multi_remove_handle(multi_.get(), easy_.get());
+    if (added_) curl().multi_remove_handle(multi_.get(), easy_.get());
   }
 
   std::string agent;
@@ -96,9 +82,9 @@ class Request : public Handle {
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
   void step();
 
-  std::unique_ptr<CURL, CurlEasyDeleter> easy_;
-  std::unique_ptr<CURLM, CurlMultiDeleter> multi_;
-  std::unique_ptr<curl_slist, CurlSlistDeleter> headerList_;
+  CurlEasy easy_;
+  CurlMulti multi_;
+  CurlSlist headerList_;
   bool added_ = false;
 
   // The header block of the response being received: a new status line
@@ -152,26 +138,26 @@ std::size_t Request::onBody(char* data, std::size_t size, std::size_t count, voi
 
 void Request::step() {
   int running = 0;
-  if (curl_multi_perform(multi_.get(), &running) != CURLM_OK) {
+  if (curl().multi_perform(multi_.get(), &running) != CURLM_OK) {
     done_ = true;
     result_ = CURLE_FAILED_INIT;
     return;
   }
   if (running == 0) {
     int left = 0;
-    while (CURLMsg* m = curl_multi_info_read(multi_.get(), &left)) {
+    while (CURLMsg* m = curl().multi_info_read(multi_.get(), &left)) {
       if (m->msg == CURLMSG_DONE) result_ = m->data.result;
     }
     done_ = true;
     return;
   }
-  curl_multi_poll(multi_.get(), nullptr, 0, 1000, nullptr);
+  curl().multi_poll(multi_.get(), nullptr, 0, 1000, nullptr);
 }
 
 bool Request::send(const std::string& headers, const void* body, std::uint32_t bodyLength) {
   if (added_) return false;
-  easy_.reset(curl_easy_init());
-  multi_.reset(curl_multi_init());
+  easy_.reset(curl().easy_init());
+  multi_.reset(curl().multi_init());
   if (!easy_ || !multi_) return false;
   CURL* e = easy_.get();
 
@@ -180,7 +166,7 @@ bool Request::send(const std::string& headers, const void* body, std::uint32_t b
   bool callerContentType = false;
   curl_slist* list = nullptr;
   auto append = [&list](const std::string& line) {
-    curl_slist* next = curl_slist_append(list, line.c_str());
+    curl_slist* next = curl().slist_append(list, line.c_str());
     if (!next) return false;
     list = next;
     return true;
@@ -202,50 +188,50 @@ bool Request::send(const std::string& headers, const void* body, std::uint32_t b
   headerList_.reset(list);
   if (!ok) return false;
 
-  bool set = curl_easy_setopt(e, CURLOPT_URL, url.c_str()) == CURLE_OK;
+  bool set = curl().easy_setopt(e, CURLOPT_URL, url.c_str()) == CURLE_OK;
 #if LIBCURL_VERSION_NUM >= 0x075500
-  set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
 #else
-  set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS, long(CURLPROTO_HTTP | CURLPROTO_HTTPS)) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_PROTOCOLS, long(CURLPROTO_HTTP | CURLPROTO_HTTPS)) == CURLE_OK;
 #endif
-  set = set && curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_USERAGENT, agent.c_str()) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_HTTPHEADER, headerList_.get()) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_PATH_AS_IS, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_USERAGENT, agent.c_str()) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_HTTPHEADER, headerList_.get()) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_FORBID_REUSE, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_PATH_AS_IS, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds) == CURLE_OK;
   // A byte now and then keeps the low-speed check content; this doesn't.
-  set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT, exchangeDeadlineSeconds()) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Request::onHeader) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_HEADERDATA, this) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Request::onBody) == CURLE_OK;
-  set = set && curl_easy_setopt(e, CURLOPT_WRITEDATA, this) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_TIMEOUT, exchangeDeadlineSeconds()) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_HEADERFUNCTION, &Request::onHeader) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_HEADERDATA, this) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_WRITEFUNCTION, &Request::onBody) == CURLE_OK;
+  set = set && curl().easy_setopt(e, CURLOPT_WRITEDATA, this) == CURLE_OK;
   // Trust as OpenSSL's default paths have it: the environment's file and
   // directory when set, else the system's.
   const char* caFile = std::getenv("SSL_CERT_FILE");
-  if (caFile && *caFile) set = set && curl_easy_setopt(e, CURLOPT_CAINFO, caFile) == CURLE_OK;
+  if (caFile && *caFile) set = set && curl().easy_setopt(e, CURLOPT_CAINFO, caFile) == CURLE_OK;
   const char* caDir = std::getenv("SSL_CERT_DIR");
-  if (caDir && *caDir) set = set && curl_easy_setopt(e, CURLOPT_CAPATH, caDir) == CURLE_OK;
+  if (caDir && *caDir) set = set && curl().easy_setopt(e, CURLOPT_CAPATH, caDir) == CURLE_OK;
 
   if (verb.empty() || verb == "GET") {
-    set = set && curl_easy_setopt(e, CURLOPT_HTTPGET, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_HTTPGET, 1L) == CURLE_OK;
   } else {
     if (verb == "POST") {
-      set = set && curl_easy_setopt(e, CURLOPT_POST, 1L) == CURLE_OK;
+      set = set && curl().easy_setopt(e, CURLOPT_POST, 1L) == CURLE_OK;
     } else {
-      set = set && curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, verb.c_str()) == CURLE_OK;
+      set = set && curl().easy_setopt(e, CURLOPT_CUSTOMREQUEST, verb.c_str()) == CURLE_OK;
     }
     static const char kNothing[] = "";
-    set = set && curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body ? bodyLength : 0)) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_COPYPOSTFIELDS, body ? body : kNothing) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body ? bodyLength : 0)) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_COPYPOSTFIELDS, body ? body : kNothing) == CURLE_OK;
   }
   if (!set) return false;
 
-  if (curl_multi_add_handle(multi_.get(), e) != CURLM_OK) return false;
+  if (curl().multi_add_handle(multi_.get(), e) != CURLM_OK) return false;
   added_ = true;
   while (!headersComplete_ && !done_) step();
   // A transfer that failed after the header block shows in the reads.
@@ -289,7 +275,6 @@ T* as(HINTERNET h, Kind kind) {
 class CurlWinInet final : public WinInetApi {
  public:
   HINTERNET InternetOpenA(const char* agent, std::uint32_t, const char*, const char*, std::uint32_t) override {
-    initCurlOnce();
     auto session = std::make_unique<Session>();
     session->agent = agent ? agent : "";
     return static_cast<Handle*>(session.release());
@@ -321,8 +306,8 @@ class CurlWinInet final : public WinInetApi {
     request->url = std::string(secure ? "https://" : "http://") + connection->server + ":" + std::to_string(port) + object;
     // A server name or an object name that doesn't fit into a URL (blanks,
     // control characters) can't be requested.
-    std::unique_ptr<CURLU, CurlUrlDeleter> parsed(curl_url());
-    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, request->url.c_str(), 0) != CURLUE_OK) return nullptr;
+    CurlUrl parsed(curl().url());
+    if (!parsed || curl().url_set(parsed.get(), CURLUPART_URL, request->url.c_str(), 0) != CURLUE_OK) return nullptr;
     return static_cast<Handle*>(request.release());
   }
 

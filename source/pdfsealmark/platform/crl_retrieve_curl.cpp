@@ -3,7 +3,7 @@
 // One easy handle per retrieval, on a fresh connection that is closed
 // afterwards, so that nothing of an earlier retrieval (connection, DNS
 // answer, HTTP cache of a proxy) stands in for the source.
-#include <curl/curl.h>
+#include "pdfsealmark/platform/curl_api.h"
 #include <cxxabi.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -24,18 +24,6 @@
 namespace PDF_Sealmark {
 namespace platform {
 namespace {
-
-struct CurlEasyDeleter {
-  void operator()(CURL* p) const { curl_easy_cleanup(p); }
-};
-struct CurlSlistDeleter {
-  void operator()(curl_slist* p) const { curl_slist_free_all(p); }
-};
-
-void initCurlOnce() {
-  static const CURLcode rc = curl_global_init(CURL_GLOBAL_DEFAULT);
-  (void)rc;
-}
 
 struct Sink {
   std::string bytes;
@@ -222,43 +210,42 @@ class CurlUrlRetrieval : public UrlRetrievalApi {
     const bool ldap = startsWith(url, "ldap:");
     // "ldap:/DN" names no server; libcurl has no default directory to ask.
     if (ldap && !startsWith(url, "ldap://")) return false;
-    initCurlOnce();
-    std::unique_ptr<CURL, CurlEasyDeleter> easy(curl_easy_init());
+    CurlEasy easy(curl().easy_init());
     if (!easy) return false;
     CURL* e = easy.get();
-    std::unique_ptr<curl_slist, CurlSlistDeleter> headers;
+    CurlSlist headers;
     for (const char* h : {"Cache-Control: no-cache", "Pragma: no-cache"}) {
-      curl_slist* grown = curl_slist_append(headers.get(), h);
+      curl_slist* grown = curl().slist_append(headers.get(), h);
       if (grown == nullptr) return false;
       headers.release();
       headers.reset(grown);
     }
     const std::string target = escapeForCurl(url);
     Sink sink;
-    bool set = curl_easy_setopt(e, CURLOPT_URL, target.c_str()) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https,ldap,ftp") == CURLE_OK;
+    bool set = curl().easy_setopt(e, CURLOPT_URL, target.c_str()) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https,ldap,ftp") == CURLE_OK;
     // Redirects stay within HTTP: a web server can't send the retrieval to
     // a local file.
-    set = set && curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_MAXREDIRS, 5L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https") == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs)) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_DNS_CACHE_TIMEOUT, 0L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_FAILONERROR, 1L) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_MAXREDIRS, 5L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https") == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs)) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_FORBID_REUSE, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_DNS_CACHE_TIMEOUT, 0L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_FAILONERROR, 1L) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_HTTPHEADER, headers.get()) == CURLE_OK;
     set = set &&
-          curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxCrlBytes)) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &onData) == CURLE_OK;
-    set = set && curl_easy_setopt(e, CURLOPT_WRITEDATA, &sink) == CURLE_OK;
+          curl().easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxCrlBytes)) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_WRITEFUNCTION, &onData) == CURLE_OK;
+    set = set && curl().easy_setopt(e, CURLOPT_WRITEDATA, &sink) == CURLE_OK;
     const char* caFile = std::getenv("SSL_CERT_FILE");
-    if (caFile && *caFile) set = set && curl_easy_setopt(e, CURLOPT_CAINFO, caFile) == CURLE_OK;
+    if (caFile && *caFile) set = set && curl().easy_setopt(e, CURLOPT_CAINFO, caFile) == CURLE_OK;
     const char* caDir = std::getenv("SSL_CERT_DIR");
-    if (caDir && *caDir) set = set && curl_easy_setopt(e, CURLOPT_CAPATH, caDir) == CURLE_OK;
+    if (caDir && *caDir) set = set && curl().easy_setopt(e, CURLOPT_CAPATH, caDir) == CURLE_OK;
     if (!set) return false;
-    if (curl_easy_perform(e) != CURLE_OK || sink.tooLarge) return false;
+    if (curl().easy_perform(e) != CURLE_OK || sink.tooLarge) return false;
 
     if (ldap) return firstLdapValue(sink.bytes, encoded);
     encoded.assign(sink.bytes.begin(), sink.bytes.end());
