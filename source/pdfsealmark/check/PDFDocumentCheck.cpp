@@ -530,14 +530,33 @@ bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>&
   const std::size_t workers =
       chunks <= 4 ? 1 : std::max<std::size_t>(1, std::min<std::size_t>(threads, jobs.size()));
   struct Slot {
-    std::unique_ptr<unsigned char[]> bytes;
-    unsigned char* data() { return bytes.get() + MarkerScanner::kCarry; }
+    unsigned char* bytes = nullptr;
+    unsigned char* data() { return bytes + MarkerScanner::kCarry; }
     std::size_t size = 0;
     std::uint64_t offset = 0;
   };
   std::vector<Slot> slots(static_cast<std::size_t>(
       std::max<std::uint64_t>(1, std::min<std::uint64_t>(workers > 1 ? 2 * workers + 2 : 1, chunks))));
-  for (Slot& slot : slots) slot.bytes.reset(new unsigned char[MarkerScanner::kCarry + chunk]);
+  const std::size_t stride = MarkerScanner::kCarry + chunk;
+  // The ring stays with the thread for its next file when it is small: over
+  // many files, faulting in fresh pages for each cost as much as reading
+  // it, and a page fault is dear in a virtual machine.
+  constexpr std::size_t kKeptRing = 2u << 20;
+  thread_local std::unique_ptr<unsigned char[]> kept;
+  thread_local std::size_t keptSize = 0;
+  std::unique_ptr<unsigned char[]> own;
+  unsigned char* ring = nullptr;
+  if (stride * slots.size() <= kKeptRing) {
+    if (keptSize < stride * slots.size()) {
+      kept.reset(new unsigned char[kKeptRing]);
+      keptSize = kKeptRing;
+    }
+    ring = kept.get();
+  } else {
+    own.reset(new unsigned char[stride * slots.size()]);
+    ring = own.get();
+  }
+  for (std::size_t i = 0; i < slots.size(); ++i) slots[i].bytes = ring + i * stride;
   std::mutex mutex;
   std::condition_variable changed;
   std::uint64_t produced = 0;  // chunks read
