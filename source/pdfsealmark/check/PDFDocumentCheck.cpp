@@ -22,6 +22,7 @@
 #include "pdfsealmark/check/revision_markers.h"
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/platform/page_buffer.h"
 #include "pdfsealmark/timestamp/closed_services.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
 #include "pdfsealmark/verify/signer_info.h"
@@ -538,23 +539,19 @@ bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>&
   std::vector<Slot> slots(static_cast<std::size_t>(
       std::max<std::uint64_t>(1, std::min<std::uint64_t>(workers > 1 ? 2 * workers + 2 : 1, chunks))));
   const std::size_t stride = MarkerScanner::kCarry + chunk;
-  // The ring stays with the thread for its next file when it is small: over
-  // many files, faulting in fresh pages for each cost as much as reading
-  // it, and a page fault is dear in a virtual machine.
+  // The ring is huge pages, and stays with the thread for its next file
+  // when it is small: over many files, faulting in fresh pages for each cost
+  // as much as reading it, since a page fault is dear in a virtual machine.
   constexpr std::size_t kKeptRing = 2u << 20;
-  thread_local std::unique_ptr<unsigned char[]> kept;
-  thread_local std::size_t keptSize = 0;
-  std::unique_ptr<unsigned char[]> own;
+  thread_local platform::PageBuffer kept;
+  platform::PageBuffer own;
   unsigned char* ring = nullptr;
   if (stride * slots.size() <= kKeptRing) {
-    if (keptSize < stride * slots.size()) {
-      kept.reset(new unsigned char[kKeptRing]);
-      keptSize = kKeptRing;
-    }
-    ring = kept.get();
+    if (kept.size() < stride * slots.size()) kept = platform::PageBuffer(kKeptRing);
+    ring = kept.data();
   } else {
-    own.reset(new unsigned char[stride * slots.size()]);
-    ring = own.get();
+    own = platform::PageBuffer(stride * slots.size());
+    ring = own.data();
   }
   for (std::size_t i = 0; i < slots.size(); ++i) slots[i].bytes = ring + i * stride;
   std::mutex mutex;
