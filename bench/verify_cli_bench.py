@@ -6,7 +6,11 @@ bytes attached, signed by `sealmark sign`), signs it twice more for a
 three-signature file, and runs in the same session, each REPEAT times:
   sealmark verify --json FILE, openssl dgst -sha256 FILE, pdfsig -nocert -no-ocsp FILE
 Prints median wall time and peak memory (max RSS) of each, and the ratios.
-Also times `--jobs 1` and `--jobs 2` over 200 signed files of 1 MB.
+Also times `--jobs 1` and `--jobs 2` over 200 signed files of 1 MB, and,
+for scale, what the machine's two cores give: two `openssl dgst` of the
+100 MB file at once against one after the other.  The commands compared
+run in turn within each repetition, so that a shared machine's drifting
+load falls on all of them alike.
 
 usage: bench/verify_cli_bench.py BUILD_DIR [SIZE_MB] [REPEAT]
 """
@@ -30,18 +34,31 @@ def run(cmd):
     subprocess.run(cmd, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
-def measure(cmd):
-    """Median seconds and peak RSS in MB over `repeat` runs."""
-    times, peak = [], 0
-    for _ in range(repeat):
-        start = time.perf_counter()
-        child = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+def once(cmds):
+    """Runs the commands at the same time; wall seconds and the peak RSS in
+    MB of any of them."""
+    start = time.perf_counter()
+    children = [subprocess.Popen(c, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) for c in cmds]
+    peak = 0
+    for child in children:
         _, status, usage = os.wait4(child.pid, 0)
-        times.append(time.perf_counter() - start)
         peak = max(peak, usage.ru_maxrss / 1024)
         if os.waitstatus_to_exitcode(status) not in (0, 1):
-            raise SystemExit(f"{cmd} failed")
-    return statistics.median(times), peak
+            raise SystemExit(f"{child.args} failed")
+    return time.perf_counter() - start, peak
+
+
+def measure(*runs):
+    """Each run is a list of commands started together.  Runs take turns,
+    `repeat` rounds; median seconds and peak RSS in MB of each run."""
+    times = [[] for _ in runs]
+    peaks = [0.0 for _ in runs]
+    for _ in range(repeat):
+        for i, cmds in enumerate(runs):
+            seconds, peak = once(cmds)
+            times[i].append(seconds)
+            peaks[i] = max(peaks[i], peak)
+    return [(statistics.median(t), p) for t, p in zip(times, peaks)]
 
 
 def signed(path, size, out_dir, count=1):
@@ -67,12 +84,10 @@ try:
     three = signed(os.path.join(work, "three.pdf"), size_mb << 20, work, 3)
     rows = []
     for name, path in (("1 signature", one), ("3 signatures", three)):
-        verify = measure([sealmark, "verify", "--json", path])
-        dgst = measure(["openssl", "dgst", "-sha256", path])
-        row = [name, verify, dgst]
+        runs = [[[sealmark, "verify", "--json", path]], [["openssl", "dgst", "-sha256", path]]]
         if shutil.which("pdfsig"):
-            row.append(measure(["pdfsig", "-nocert", "-no-ocsp", path]))
-        rows.append(row)
+            runs.append([["pdfsig", "-nocert", "-no-ocsp", path]])
+        rows.append([name] + measure(*runs))
     print(f"{size_mb} MB, median of {repeat}:")
     for row in rows:
         name, (vt, vm), (dt, _) = row[0], row[1], row[2]
@@ -86,8 +101,13 @@ try:
     for i in range(1, 200):
         shutil.copy(first, os.path.join(many, f"f{i:03}.pdf"))
     files = sorted(os.path.join(many, f) for f in os.listdir(many))
-    j1 = measure([sealmark, "verify", "--jobs", "1", "--json"] + files)[0]
-    j2 = measure([sealmark, "verify", "--jobs", "2", "--json"] + files)[0]
-    print(f"  200 files of 1 MB: --jobs 1 {j1 * 1000:.0f} ms, --jobs 2 {j2 * 1000:.0f} ms, {j1 / j2:.2f}x throughput")
+    j1, j2 = measure([[sealmark, "verify", "--jobs", "1", "--json"] + files],
+                     [[sealmark, "verify", "--jobs", "2", "--json"] + files])
+    print(f"  200 files of 1 MB: --jobs 1 {j1[0] * 1000:.0f} ms, --jobs 2 {j2[0] * 1000:.0f} ms, "
+          f"{j1[0] / j2[0]:.2f}x throughput")
+    dgst = ["openssl", "dgst", "-sha256", one]
+    single, double = measure([dgst], [dgst, dgst])
+    print(f"  the machine: two openssl dgst at once {double[0] * 1000:.0f} ms, one {single[0] * 1000:.0f} ms, "
+          f"{2 * single[0] / double[0]:.2f}x throughput")
 finally:
     shutil.rmtree(work)
