@@ -140,6 +140,43 @@ TEST(Cli, ExitCodesTablesAndMessages) {
   }
 }
 
+// Several files at a time: --json gives them in the order of the arguments
+// whichever finishes first, --json-lines one line per file as each
+// finishes, a directory stands for its *.pdf files, an unreadable file is
+// named on stderr and the others go on; on a terminal, stderr shows how far
+// the run is.
+TEST(Cli, ManyFiles) {
+  const std::string sorted = "['./certified.pdf', './good.pdf', './stamp-only.pdf', './stamped.pdf', "
+                             "'./tampered.pdf', './yamada.pdf']";
+  for (const auto& [args, expression, expected, exitCode] :
+       std::vector<std::tuple<std::string, std::string, std::string, int>>{
+           {"verify --jobs 3 --json yamada.pdf notes.txt good.pdf tampered.pdf certified.pdf",
+            "[f['file'] for f in json.loads(o)]",
+            "['yamada.pdf', 'good.pdf', 'tampered.pdf', 'certified.pdf']", 2},
+           {"verify --jobs 2 --json notes.txt absent.pdf", "json.loads(o)", "[]", 2},
+           {"verify --jobs 2 --json notes.txt", "o", "''", 2},
+           {"verify --jobs 1 --json good.pdf", "json.loads(o)['file']", "'good.pdf'", 0},
+           {"verify --jobs 2 --json-lines .", "sorted(json.loads(l)['file'] for l in o.splitlines())", sorted, 2},
+           {"verify --jobs 4 yamada.pdf tampered.pdf good.pdf",
+            "re.findall(r'^(\\S+): \\d+ revisions', o, re.M)", "['yamada.pdf', 'tampered.pdf', 'good.pdf']", 1},
+       }) {
+    const CommandResult r = run("cd " + files().path() + " && " + sealmark(args) + " > out.txt; echo $?; " +
+                                "python3 -c " +
+                                shellQuote("import json,re\no=open('out.txt').read()\nprint(repr(" + expression +
+                                           "))"));
+    EXPECT_EQ(r.out, std::to_string(exitCode) + "\n" + expected + "\n") << args << "\n" << r.err;
+  }
+  // One message per unreadable file, and the locked file of the directory.
+  EXPECT_EQ(inFiles("verify --jobs 1 --json-lines . notes.txt").err,
+            "sealmark: ./locked.pdf: password required\nsealmark: notes.txt: not a PDF file\n");
+  // script(1) gives the run a terminal for stderr.
+  const CommandResult onTerminal =
+      run("cd " + files().path() + " && script -qec " + shellQuote(sealmark("verify good.pdf tampered.pdf") +
+                                                                   " > /dev/null") + " /dev/null");
+  EXPECT_NE(onTerminal.out.find("\r2/2 files, 1 failed\r\n"), std::string::npos) << onTerminal.out;
+  EXPECT_EQ(inFiles("verify good.pdf tampered.pdf").err, "");
+}
+
 TEST(Cli, ExtractTheSignedRevision) {
   const Bytes whole = readFile(files().file("good.pdf"));
   EXPECT_EQ(inFiles("verify good.pdf --extract-signed Signature1 --output a.pdf").exitCode, 0);

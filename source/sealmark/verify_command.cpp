@@ -292,10 +292,10 @@ bool fails(const FieldReport& f) {
 }
 
 struct Outcome {
-  std::unique_ptr<DocumentReport> report;
-  std::string why;
   std::string text;  // what the file prints: its JSON line, or its table
   bool done = false;
+  bool readable = false;
+  bool fails = false;
 };
 
 }  // namespace
@@ -324,22 +324,38 @@ int runVerify(const Args& args) {
   std::vector<Outcome> outcomes(files.size());
   std::mutex mutex;
   std::size_t next = 0, finished = 0, failed = 0;
-  auto finish = [&](std::size_t i) {  // with mutex held
+  // Output in the order of the arguments goes out as soon as every file
+  // before it is done, and each report is dropped once judged, so that
+  // memory doesn't grow with the number of files and little is left to do
+  // after the last one.  --json-lines prints in the order files finish.
+  std::size_t printed = 0;
+  bool opened = false;  // the JSON array's "[" is out
+  auto printReady = [&] {  // with mutex held
+    for (; printed < outcomes.size() && outcomes[printed].done; ++printed) {
+      Outcome& o = outcomes[printed];
+      if (!o.readable || opts.jsonLines) continue;
+      if (opts.json && files.size() > 1) {
+        std::cout << (opened ? "," : "[") << o.text.substr(0, o.text.size() - 1);
+        opened = true;
+      } else {
+        std::cout << o.text;
+      }
+      std::string().swap(o.text);
+    }
+  };
+  auto finish = [&](std::size_t i, std::unique_ptr<DocumentReport> report, const std::string& why) {
+    // with mutex held
     Outcome& o = outcomes[i];
     o.done = true;
+    o.readable = report != nullptr;
+    for (const FieldReport& f : report ? report->fields : std::vector<FieldReport>()) o.fails = o.fails || fails(f);
     ++finished;
-    bool bad = !o.report;
-    for (const FieldReport& f : o.report ? o.report->fields : std::vector<FieldReport>())
-      bad = bad || fails(f);
-    failed += bad;
-    if (!o.report) {
-      if (progress) std::cerr << "\r\033[K";  // the message replaces the progress line
-      complain(files[i], o.why);
-    }
-    if (opts.jsonLines && o.report) {
-      std::cout << o.text;
-      std::cout.flush();
-    }
+    failed += !o.readable || o.fails;
+    if (progress) std::cerr << "\r\033[K";  // what is printed replaces the progress line
+    if (!o.readable) complain(files[i], why);
+    if (opts.jsonLines && o.readable) std::cout << o.text;
+    printReady();
+    std::cout.flush();
     if (progress)
       std::cerr << "\r" << finished << "/" << files.size() << " files, " << failed << " failed" << std::flush;
   };
@@ -361,11 +377,10 @@ int runVerify(const Args& args) {
       } else if (report) {
         printTable(*report, opts.trust.trust, text);
       }
+      std::string out = text.str();
       std::lock_guard<std::mutex> lock(mutex);
-      outcomes[i].text = text.str();
-      outcomes[i].report = std::move(report);
-      outcomes[i].why = std::move(why);
-      finish(i);
+      outcomes[i].text = std::move(out);
+      finish(i, std::move(report), why);
     }
   };
   std::vector<std::thread> pool;
@@ -373,31 +388,14 @@ int runVerify(const Args& args) {
   worker();
   for (std::thread& t : pool) t.join();
   if (progress) std::cerr << "\n";
+  if (opts.json && files.size() > 1) std::cout << (opened ? "" : "[") << "]\n";
 
   for (const Outcome& o : outcomes) {
-    if (!o.report) {
+    if (!o.readable) {
       exitCode = kExitUsage;
-      continue;
+    } else if (o.fails && exitCode == kExitOk) {
+      exitCode = kExitNotVerified;
     }
-    for (const FieldReport& f : o.report->fields) {
-      if (fails(f) && exitCode == kExitOk) exitCode = kExitNotVerified;
-    }
-  }
-  if (opts.json) {
-    // One file gives its object; several give an array, even of one: the
-    // objects as each was printed, without their line ends, between
-    // brackets.
-    std::string all;
-    for (const Outcome& o : outcomes) {
-      if (o.report) all += (all.empty() ? "" : ",") + o.text.substr(0, o.text.size() - 1);
-    }
-    if (files.size() > 1) {
-      std::cout << "[" << all << "]\n";
-    } else if (!all.empty()) {
-      std::cout << all << "\n";
-    }
-  } else if (!opts.jsonLines) {
-    for (const Outcome& o : outcomes) std::cout << o.text;
   }
   return exitCode;
 }
