@@ -1,8 +1,5 @@
 // sealmark chain: the issuer path of a certificate, through
 // PDFCert::getChain, with each element's dates and revocation status.
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -12,6 +9,7 @@
 #include "cert_report.h"
 #include "commands.h"
 #include "output.h"
+#include "trust_options.h"
 #include "pdfsealmark/PDFCert.h"
 
 namespace sealmark {
@@ -50,10 +48,8 @@ struct ChainOptions {
   std::string cert;
   std::vector<std::string> given;
   std::optional<std::string> time;
-  std::optional<std::string> cacheDir;
-  std::optional<std::string> ldapServers;
+  RevocationSources sources;
   bool revocation = false;
-  bool noNonce = false;
   bool json = false;
 };
 
@@ -61,19 +57,14 @@ bool parseArgs(const Args& args, ChainOptions& opts, int& exitCode) {
   ArgParser parser("chain", kChainHelp);
   parser.flag("--json", &opts.json)
       .flag("--revocation", &opts.revocation)
-      .flag("--no-nonce", &opts.noNonce)
       .repeated("--given", &opts.given)
-      .value("--time", &opts.time)
-      .value("--crl-cache", &opts.cacheDir)
-      .value("--ldap-servers", &opts.ldapServers);
+      .value("--time", &opts.time);
+  opts.sources.addTo(parser);
   std::vector<std::string> files;
   if (!parser.parse(args, files, exitCode)) return false;
   if (files.empty()) return parser.usageError("no CERT given", exitCode);
   if (files.size() > 1) return parser.usageError("one CERT at a time", exitCode);
-  if (opts.time && !isDateText(*opts.time)) {
-    return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'",
-                             exitCode);
-  }
+  if (!checkTime(opts.time, parser, exitCode)) return false;
   opts.cert = files[0];
   return true;
 }
@@ -102,16 +93,14 @@ int runChain(const Args& args) {
   if (!parseArgs(args, opts, exitCode)) return exitCode;
   PDF_Sealmark::PDFCert cert;
   if (!loadCertificate(opts.cert, cert)) return kExitUsage;
-  std::vector<PDF_Sealmark::PDFCert> given(opts.given.size());
-  for (std::size_t i = 0; i < opts.given.size(); ++i) {
-    if (!loadCertificate(opts.given[i], given[i])) return kExitUsage;
-  }
+  std::vector<PDF_Sealmark::PDFCert> given;
+  if (!loadCertificates(opts.given, given)) return kExitUsage;
 
   const char* time = opts.time ? opts.time->c_str() : nullptr;
   std::vector<PDF_Sealmark::PDFCert> chain;
   const int result =
-      cert.getChain(chain, given, opts.revocation, time, opts.cacheDir ? opts.cacheDir->c_str() : nullptr,
-                    opts.ldapServers ? opts.ldapServers->c_str() : nullptr, opts.noNonce ? 1 : 0);
+      cert.getChain(chain, given, opts.revocation, time, opts.sources.cacheDirOrNull(),
+                    opts.sources.ldapServersOrNull(), opts.sources.noNonce ? 1 : 0);
 
   if (opts.json) {
     Json elements = Json::array();

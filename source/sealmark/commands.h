@@ -49,6 +49,8 @@ void complain(const std::string& what, const std::string& reason);
 // Reads a certificate file, DER or PEM; false after such a line (the
 // file's error, or that it holds no certificate).
 bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert);
+// Each of the files, in order; false after the first that can't be read.
+bool loadCertificates(const std::vector<std::string>& files, std::vector<PDF_Sealmark::PDFCert>& certs);
 
 }  // namespace sealmark
 

@@ -69,6 +69,15 @@ bool loadCertificate(const std::string& file, PDF_Sealmark::PDFCert& cert) {
   return true;
 }
 
+bool loadCertificates(const std::vector<std::string>& files, std::vector<PDF_Sealmark::PDFCert>& certs) {
+  certs.clear();
+  certs.resize(files.size());  // each its own object: copies of one PDFCert share it
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (!loadCertificate(files[i], certs[i])) return false;
+  }
+  return true;
+}
+
 }  // namespace sealmark
 
 int main(int argc, char** argv) {

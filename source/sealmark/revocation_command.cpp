@@ -1,8 +1,5 @@
 // sealmark revocation: is a certificate revoked?  Asks the OCSP responder
 // that the certificate names, then its CRLs, through PDFCert::checkCRL.
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -11,6 +8,7 @@
 #include "args.h"
 #include "commands.h"
 #include "output.h"
+#include "trust_options.h"
 #include "pdfsealmark/PDFCert.h"
 
 namespace sealmark {
@@ -46,9 +44,7 @@ struct RevocationOptions {
   std::string issuer;
   std::vector<std::string> chain;
   std::optional<std::string> time;
-  std::optional<std::string> cacheDir;
-  std::optional<std::string> ldapServers;
-  bool noNonce = false;
+  RevocationSources sources;
   bool json = false;
 };
 
@@ -56,21 +52,16 @@ bool parseArgs(const Args& args, RevocationOptions& opts, int& exitCode) {
   ArgParser parser("revocation", kRevocationHelp);
   std::optional<std::string> issuer;
   parser.flag("--json", &opts.json)
-      .flag("--no-nonce", &opts.noNonce)
       .value("--issuer", &issuer)
       .repeated("--chain", &opts.chain)
-      .value("--time", &opts.time)
-      .value("--crl-cache", &opts.cacheDir)
-      .value("--ldap-servers", &opts.ldapServers);
+      .value("--time", &opts.time);
+  opts.sources.addTo(parser);
   std::vector<std::string> files;
   if (!parser.parse(args, files, exitCode)) return false;
   if (files.empty()) return parser.usageError("no CERT given", exitCode);
   if (files.size() > 1) return parser.usageError("one CERT at a time", exitCode);
   if (!issuer) return parser.usageError("--issuer is required", exitCode);
-  if (opts.time && !isDateText(*opts.time)) {
-    return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *opts.time + "'",
-                             exitCode);
-  }
+  if (!checkTime(opts.time, parser, exitCode)) return false;
   opts.cert = files[0];
   opts.issuer = *issuer;
   return true;
@@ -108,15 +99,12 @@ int runRevocation(const Args& args) {
   PDF_Sealmark::PDFCert cert;
   PDF_Sealmark::PDFCert issuer;
   if (!loadCertificate(opts.cert, cert) || !loadCertificate(opts.issuer, issuer)) return kExitUsage;
-  std::vector<PDF_Sealmark::PDFCert> chain(opts.chain.size());
-  for (std::size_t i = 0; i < opts.chain.size(); ++i) {
-    if (!loadCertificate(opts.chain[i], chain[i])) return kExitUsage;
-  }
+  std::vector<PDF_Sealmark::PDFCert> chain;
+  if (!loadCertificates(opts.chain, chain)) return kExitUsage;
 
   const bool notRevoked = cert.checkCRL(opts.time ? opts.time->c_str() : nullptr,
-                                        opts.cacheDir ? opts.cacheDir->c_str() : nullptr,
-                                        opts.ldapServers ? opts.ldapServers->c_str() : nullptr, &issuer,
-                                        chain.empty() ? nullptr : &chain, opts.noNonce ? 1 : 0);
+                                        opts.sources.cacheDirOrNull(), opts.sources.ldapServersOrNull(), &issuer,
+                                        chain.empty() ? nullptr : &chain, opts.sources.noNonce ? 1 : 0);
   const int valid = cert.getValid();
   const std::string by = decidedBy(notRevoked, valid);
   if (opts.json) {

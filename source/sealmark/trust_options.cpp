@@ -1,20 +1,26 @@
 #include "trust_options.h"
 
 #include "commands.h"
+#include "output.h"
 
 namespace sealmark {
 
+void RevocationSources::addTo(ArgParser& parser) {
+  parser.value("--crl-cache", &cacheDir).value("--ldap-servers", &ldapServers).flag("--no-nonce", &noNonce);
+}
+
+bool checkTime(const std::optional<std::string>& time, ArgParser& parser, int& exitCode) {
+  if (!time || isDateText(*time)) return true;
+  return parser.usageError("--time wants YYYYMMDDHHMM[SS][Z|+HHMM|-HHMM], not '" + *time + "'", exitCode);
+}
+
 void TrustOptions::addTo(ArgParser& parser) {
-  parser.flag("--trust", &trust)
-      .repeated("--trust-anchor", &anchors)
-      .flag("--offline", &offline)
-      .value("--crl-cache", &cacheDir)
-      .value("--ldap-servers", &ldapServers)
-      .flag("--no-nonce", &noNonce);
+  parser.flag("--trust", &trust).repeated("--trust-anchor", &anchors).flag("--offline", &offline);
+  sources.addTo(parser);
 }
 
 bool TrustOptions::check(ArgParser& parser, int& exitCode) const {
-  if (!trust && (!anchors.empty() || offline || cacheDir || ldapServers || noNonce))
+  if (!trust && (!anchors.empty() || offline || sources.any()))
     return parser.usageError(
         "--trust-anchor, --offline, --crl-cache, --ldap-servers and --no-nonce need --trust", exitCode);
   return true;
@@ -28,9 +34,9 @@ bool TrustOptions::load() {
     validation.trustAnchors.push_back(anchor);
   }
   validation.checkRevocation = !offline;
-  validation.crlCacheDir = cacheDir.value_or("");
-  validation.ldapServers = ldapServers.value_or("");
-  validation.noNonce = noNonce;
+  validation.crlCacheDir = sources.cacheDir.value_or("");
+  validation.ldapServers = sources.ldapServers.value_or("");
+  validation.noNonce = sources.noNonce;
   return true;
 }
 
