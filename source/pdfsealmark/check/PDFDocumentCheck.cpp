@@ -517,7 +517,10 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
 // signature is past it, so memory is the ring, whatever the file's size.
 bool readOnce(std::istream& in, std::uint64_t fileSize, const std::vector<Job*>& jobs, MarkerScanner& markers,
               unsigned threads) {
-  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  // Asked once: glibc reads /sys for it on every call, once per file over
+  // a run of many files.
+  static const unsigned kCores = std::max(1u, std::thread::hardware_concurrency());
+  if (threads == 0) threads = kCores;
   // Buffers no larger than the file and no more of them than it has chunks,
   // left uninitialised: over many small files, zeroing and faulting in a
   // full ring per file costs more than reading them.
