@@ -5,12 +5,14 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "pdfsealmark/PDFSealmarkVerify.h"
 #include "pdfsealmark/PDFSealmarkVersion.h"
 #include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
+#include "pdfsealmark/verify/shared_certificates.h"
 #include "pdfsealmark/verify/signer_info.h"
 #include "support/mutate.h"
 
@@ -410,3 +412,117 @@ TEST(Facade, CopiesShareOneStateAndNothingIsKnownBeforeParse) {
 }
 
 }  // namespace
+
+// Signed data decoded with its certificates taken from the shared cache must
+// be what d2i_PKCS7 makes of the same bytes, or the shortcut must decline.
+namespace shared {
+
+using PDF_Sealmark::decodeSharingCertificates;
+using P7 = PDF_Sealmark::ossl::UniquePtr<PKCS7>;
+
+P7 plain(const Bytes& der) {
+  const unsigned char* p = der.data();
+  return P7(d2i_PKCS7(nullptr, &p, static_cast<long>(der.size())));
+}
+X509* certAt(PKCS7* p7, int i) { return sk_X509_value(p7->d.sign->cert, i); }
+
+// Whether the shortcut took these bytes; a failure when what it made
+// differs from OpenSSL's own decoding.
+bool agrees(const Bytes& der, const std::string& what) {
+  P7 fast(decodeSharingCertificates(der.data(), der.size()));
+  if (!fast) return false;
+  P7 reference = plain(der);
+  EXPECT_TRUE(reference) << what << ": decoded by the shortcut only";
+  if (reference) {
+    EXPECT_EQ(sealtest::der(fast.get()), sealtest::der(reference.get())) << what;
+  }
+  return true;
+}
+
+}  // namespace shared
+
+TEST(SharedCertificates, DecodeAsOpenSSLDoesOrDecline) {
+  const Bytes padded = contentsOf(signedPdf());
+  const std::size_t length = 4 + (std::size_t(padded[2]) << 8 | padded[3]);  // 30 82 LL LL
+  ASSERT_EQ(padded[1], 0x82);
+  const Bytes der(padded.begin(), padded.begin() + length);
+  shared::P7 p7 = shared::plain(der);
+  ASSERT_TRUE(p7);
+  // The first certificate's bytes, and an offset inside its signature value.
+  unsigned char* certDer = nullptr;
+  const int certLength = i2d_X509(shared::certAt(p7.get(), 0), &certDer);
+  const std::size_t cert = std::search(der.begin(), der.end(), certDer, certDer + certLength) - der.begin();
+  OPENSSL_free(certDer);
+  ASSERT_LT(cert, der.size());
+
+  Bytes indefinite{0x30, 0x80};
+  indefinite.insert(indefinite.end(), der.begin() + 4, der.end());
+  indefinite.insert(indefinite.end(), {0, 0});
+  Bytes data = der;
+  data[14] = 0x01;  // id-data in place of id-signedData
+  const Bytes noCerts = editPkcs7(signedPdf(), [](PKCS7* q) {
+    sk_X509_pop_free(q->d.sign->cert, X509_free);
+    q->d.sign->cert = nullptr;
+  });
+  const Bytes emptySet = editPkcs7(signedPdf(), [](PKCS7* q) {
+    sk_X509_pop_free(q->d.sign->cert, X509_free);
+    q->d.sign->cert = sk_X509_new_null();
+  });
+  const struct {
+    const char* what;
+    Bytes der;
+    bool taken;
+  } cases[] = {
+      {"as signed, with the slot's zero padding", padded, true},
+      {"as signed", der, true},
+      {"a certificate's signature value changed", flip(der, cert + certLength - 3), true},
+      {"BER, indefinite length", indefinite, false},
+      {"not signed data", data, false},
+      {"no certificates", contentsOf(noCerts), false},
+      {"an empty certificate set", contentsOf(emptySet), false},
+      {"a certificate's length changed", flip(der, cert + 3), false},
+      {"cut inside the signer infos", Bytes(der.begin(), der.end() - 40), false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(shared::agrees(c.der, c.what), c.taken) << c.what;
+
+  // Real signatures from other producers: the shortcut must agree wherever
+  // it applies, and apply to most of them.
+  // Their time-stamp tokens too.
+  int taken = 0, total = 0;
+  for (const std::string& name : listPdfs(SEALMARK_CORPUS_DIR)) {
+    OpenedPdf pdf = openPdfFile(std::string(SEALMARK_CORPUS_DIR) + "/" + name);
+    for (PDF_Folio::CSigField* field : pdf.fields) {
+      PDFSealmarkVerify v;
+      v.parse(field);
+      std::ostringstream contents, token;
+      for (const std::ostringstream* out : {&(v.getContents(contents), contents), &(v.getTimeStampToken(token), token)}) {
+        const std::string object = out->str();
+        if (object.empty() || !shared::plain(Bytes(object.begin(), object.end()))) continue;
+        ++total;
+        taken += shared::agrees(Bytes(object.begin(), object.end()), name + "#" + field->getName());
+      }
+    }
+  }
+  EXPECT_GT(total, 80);
+  EXPECT_GT(taken, total * 3 / 4);
+}
+
+TEST(SharedCertificates, OneObjectPerCertificateUntilForgotten) {
+  const Bytes der = contentsOf(signedPdf());
+  shared::P7 first(PDF_Sealmark::decodeSharingCertificates(der.data(), der.size()));
+  shared::P7 second(PDF_Sealmark::decodeSharingCertificates(der.data(), der.size()));
+  ASSERT_TRUE(first && second);
+  ASSERT_EQ(sk_X509_num(first->d.sign->cert), 2);
+  EXPECT_EQ(shared::certAt(first.get(), 0), shared::certAt(second.get(), 0));
+  EXPECT_EQ(shared::certAt(first.get(), 1), shared::certAt(second.get(), 1));
+  EXPECT_NE(shared::certAt(first.get(), 0), shared::certAt(first.get(), 1));
+
+  // Forgetting drops only the cache's references.
+  PDF_Sealmark::forgetSharedCertificates();
+  second.reset();
+  shared::P7 third(PDF_Sealmark::decodeSharingCertificates(der.data(), der.size()));
+  ASSERT_TRUE(third);
+  EXPECT_NE(shared::certAt(first.get(), 0), shared::certAt(third.get(), 0));
+  EXPECT_EQ(X509_cmp(shared::certAt(first.get(), 0), shared::certAt(third.get(), 0)), 0);
+  EXPECT_EQ(X509_verify(shared::certAt(first.get(), 1), X509_get0_pubkey(shared::certAt(third.get(), 0))), 1);
+}

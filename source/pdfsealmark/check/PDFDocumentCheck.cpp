@@ -25,6 +25,7 @@
 #include "pdfsealmark/platform/page_buffer.h"
 #include "pdfsealmark/timestamp/closed_services.h"
 #include "pdfsealmark/verify/PDFSealmarkVerifyImpl.h"
+#include "pdfsealmark/verify/shared_certificates.h"
 #include "pdfsealmark/verify/signer_info.h"
 
 namespace PDF_Sealmark {
@@ -378,7 +379,8 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
     // /Contents; the signature may still be there.
     const unsigned char* der = job.contents.data();
     if (!job.contents.empty() && !sigDict.getContents("/Filter")) {
-      job.ownedP7.reset(d2i_PKCS7(nullptr, &der, static_cast<long>(job.contents.size())));
+      job.ownedP7.reset(decodeSharingCertificates(der, job.contents.size()));
+      if (!job.ownedP7) job.ownedP7.reset(d2i_PKCS7(nullptr, &der, static_cast<long>(job.contents.size())));
       job.p7 = job.ownedP7.get();
     }
     if (!job.p7) {

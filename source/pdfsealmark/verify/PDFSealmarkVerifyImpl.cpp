@@ -13,6 +13,7 @@
 
 #include "pdfsealmark/check/signer_info_check.h"
 #include "pdfsealmark/openssl_ptr.h"
+#include "pdfsealmark/verify/shared_certificates.h"
 #include "pdfsealmark/verify/signer_info.h"
 
 namespace PDF_Sealmark {
@@ -214,7 +215,9 @@ bool PDFSealmarkVerifyImpl::parse(PDF_Folio::CSigField* field) {
     if (!contents) return false;
     const long len = contents->getLenth();
     if (contents->getString() && len > 0 && len <= INT_MAX) {
-      ossl::UniquePtr<BIO> source(BIO_new_mem_buf(contents->getString(), static_cast<int>(len)));
+      const auto* bytes = reinterpret_cast<const unsigned char*>(contents->getString());
+      pkcs7 = decodeSharingCertificates(bytes, static_cast<std::size_t>(len));
+      ossl::UniquePtr<BIO> source(pkcs7 ? nullptr : BIO_new_mem_buf(bytes, static_cast<int>(len)));
       if (source) pkcs7 = d2i_PKCS7_bio(source.get(), nullptr);
     }
     if (!pkcs7) {
@@ -252,7 +255,8 @@ void PDFSealmarkVerifyImpl::findTimeStampToken() {
     tsToken.assign(bytes, bytes + (length > 0 ? length : 0));
     PKCS7_free(tsPkcs7);
     const unsigned char* p = tsToken.data();
-    tsPkcs7 = tsToken.empty() ? nullptr : d2i_PKCS7(nullptr, &p, static_cast<long>(tsToken.size()));
+    tsPkcs7 = tsToken.empty() ? nullptr : decodeSharingCertificates(p, tsToken.size());
+    if (!tsPkcs7 && !tsToken.empty()) tsPkcs7 = d2i_PKCS7(nullptr, &p, static_cast<long>(tsToken.size()));
     if (tsKind != kPfuFilterTimeStamp) {
       if (tsPkcs7) {
         tsKind = kRfc3161TimeStamp;
