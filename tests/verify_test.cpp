@@ -458,6 +458,15 @@ TEST(SharedCertificates, DecodeAsOpenSSLDoesOrDecline) {
   Bytes indefinite{0x30, 0x80};
   indefinite.insert(indefinite.end(), der.begin() + 4, der.end());
   indefinite.insert(indefinite.end(), {0, 0});
+  // Two more bytes (a NULL) at the end of the ContentInfo, inside its [0] or not.
+  auto longer = [&](std::initializer_list<std::size_t> lengthsAt) {
+    Bytes b = der;
+    for (std::size_t at : lengthsAt) b[at + 1] = static_cast<unsigned char>(b[at + 1] + 2);  // no carry here
+    b.insert(b.end(), {0x05, 0x00});
+    return b;
+  };
+  ASSERT_LT(der[3], 0xfe);
+  ASSERT_LT(der[18], 0xfe);
   Bytes data = der;
   data[14] = 0x01;  // id-data in place of id-signedData
   const Bytes noCerts = editPkcs7(signedPdf(), [](PKCS7* q) {
@@ -477,6 +486,8 @@ TEST(SharedCertificates, DecodeAsOpenSSLDoesOrDecline) {
       {"as signed", der, true},
       {"a certificate's signature value changed", flip(der, cert + certLength - 3), true},
       {"BER, indefinite length", indefinite, false},
+      {"more inside the explicit tag", longer({2, 17}), false},
+      {"more inside the ContentInfo", longer({2}), false},
       {"not signed data", data, false},
       {"no certificates", contentsOf(noCerts), false},
       {"an empty certificate set", contentsOf(emptySet), false},
