@@ -23,6 +23,7 @@
 
 #include "pdfsealmark/openssl_ptr.h"
 #include "pdfsealmark/platform/cert_store.h"
+#include "pdfsealmark/platform/nss_api.h"
 #include "pdfsealmark/platform/nss_db.h"
 
 namespace PDF_Sealmark {
@@ -67,7 +68,7 @@ struct DatabaseCert {
 std::vector<DatabaseCert> databaseCerts(bool askForKeys) {
   std::vector<DatabaseCert> out;
   if (askForKeys) nss::logInTokens();
-  CERTCertList* list = PK11_ListCerts(PK11CertListUnique, nullptr);
+  CERTCertList* list = nssApi().PK11_ListCerts(PK11CertListUnique, nullptr);
   if (list == nullptr) return out;
   for (CERTCertListNode* node = CERT_LIST_HEAD(list); !CERT_LIST_END(node, list);
        node = CERT_LIST_NEXT(node)) {
@@ -75,19 +76,19 @@ std::vector<DatabaseCert> databaseCerts(bool askForKeys) {
     DatabaseCert entry;
     entry.der.assign(cert->derCert.data, cert->derCert.data + cert->derCert.len);
     CERTCertTrust trust;
-    if (CERT_GetCertTrust(cert, &trust) == SECSuccess) {
+    if (nssApi().CERT_GetCertTrust(cert, &trust) == SECSuccess) {
       entry.caTrusted =
           ((trust.sslFlags | trust.emailFlags | trust.objectSigningFlags) & CERTDB_TRUSTED_CA) != 0;
     }
     if (askForKeys) {
-      if (SECKEYPrivateKey* key = PK11_FindKeyByAnyCert(cert, nullptr)) {
+      if (SECKEYPrivateKey* key = nssApi().PK11_FindKeyByAnyCert(cert, nullptr)) {
         entry.hasKey = true;
-        SECKEY_DestroyPrivateKey(key);
+        nssApi().SECKEY_DestroyPrivateKey(key);
       }
     }
     out.push_back(std::move(entry));
   }
-  CERT_DestroyCertList(list);
+  nssApi().CERT_DestroyCertList(list);
   return out;
 }
 
@@ -222,27 +223,27 @@ bool matches(PCCERT_CONTEXT context, std::uint32_t findType, const void* para) {
 
 bool setTrust(CERTCertificate* cert, const char* flags) {
   CERTCertTrust trust;
-  return CERT_DecodeTrustString(&trust, flags) == SECSuccess &&
-         CERT_ChangeCertTrust(CERT_GetDefaultCertDB(), cert, &trust) == SECSuccess;
+  return nssApi().CERT_DecodeTrustString(&trust, flags) == SECSuccess &&
+         nssApi().CERT_ChangeCertTrust(nssApi().CERT_GetDefaultCertDB(), cert, &trust) == SECSuccess;
 }
 
 // The certificate in the database, with the trust flags of the store.
 bool placeInDatabase(const Der& der, const std::string& store) {
   SECItem item = itemOf(der);
-  CERTCertificate* cert = CERT_NewTempCertificate(CERT_GetDefaultCertDB(), &item, nullptr, PR_FALSE, PR_TRUE);
+  CERTCertificate* cert = nssApi().CERT_NewTempCertificate(nssApi().CERT_GetDefaultCertDB(), &item, nullptr, PR_FALSE, PR_TRUE);
   if (cert == nullptr) return false;
   bool ok = true;
   if (!cert->isperm) {
-    PK11SlotInfo* slot = PK11_GetInternalKeySlot();
-    char* nickname = CERT_MakeCANickname(cert);
+    PK11SlotInfo* slot = nssApi().PK11_GetInternalKeySlot();
+    char* nickname = nssApi().CERT_MakeCANickname(cert);
     ok = slot != nullptr && nickname != nullptr &&
-         PK11_ImportCert(slot, cert, CK_INVALID_HANDLE, nickname, PR_FALSE) == SECSuccess;
-    if (nickname != nullptr) PORT_Free(nickname);
-    if (slot != nullptr) PK11_FreeSlot(slot);
+         nssApi().PK11_ImportCert(slot, cert, CK_INVALID_HANDLE, nickname, PR_FALSE) == SECSuccess;
+    if (nickname != nullptr) nssApi().PORT_Free(nickname);
+    if (slot != nullptr) nssApi().PK11_FreeSlot(slot);
   }
   if (ok && store == "ROOT") ok = setTrust(cert, "C,C,C");
   if (ok && store == "ADDRESSBOOK") ok = setTrust(cert, ",,");
-  CERT_DestroyCertificate(cert);
+  nssApi().CERT_DestroyCertificate(cert);
   return ok;
 }
 
@@ -272,17 +273,17 @@ std::vector<unsigned char> bmpPassword(const wchar_t* password) {
 SECItem* nicknameFor(SECItem* oldNickname, PRBool* cancel, void* arg) {
   auto* cert = static_cast<CERTCertificate*>(arg);
   if (cancel == nullptr || cert == nullptr) return nullptr;
-  char* nickname = CERT_MakeCANickname(cert);
+  char* nickname = nssApi().CERT_MakeCANickname(cert);
   if (nickname == nullptr) return nullptr;
   const std::size_t length = std::strlen(nickname);
   if (oldNickname != nullptr && oldNickname->data != nullptr && oldNickname->len == length &&
       std::memcmp(oldNickname->data, nickname, length) == 0) {
-    PORT_Free(nickname);  // the same name again would collide again
+    nssApi().PORT_Free(nickname);  // the same name again would collide again
     return nullptr;
   }
-  SECItem* item = PORT_ZNew(SECItem);
+  SECItem* item = static_cast<SECItem*>(nssApi().PORT_ZAlloc(sizeof(SECItem)));
   if (item == nullptr) {
-    PORT_Free(nickname);
+    nssApi().PORT_Free(nickname);
     return nullptr;
   }
   item->data = reinterpret_cast<unsigned char*>(nickname);
@@ -390,9 +391,9 @@ bool CertDeleteCertificateFromStore(PCCERT_CONTEXT context) {
   if (context != nullptr && !context->store.empty() && nss::ready()) {
     nss::logInTokens();
     SECItem item = itemOf(context->encoded);
-    if (CERTCertificate* cert = CERT_FindCertByDERCert(CERT_GetDefaultCertDB(), &item)) {
-      deleted = cert->isperm && SEC_DeletePermCertificate(cert) == SECSuccess;
-      CERT_DestroyCertificate(cert);
+    if (CERTCertificate* cert = nssApi().CERT_FindCertByDERCert(nssApi().CERT_GetDefaultCertDB(), &item)) {
+      deleted = cert->isperm && nssApi().SEC_DeletePermCertificate(cert) == SECSuccess;
+      nssApi().CERT_DestroyCertificate(cert);
     }
   }
   CertFreeCertificateContext(context);
@@ -406,31 +407,31 @@ HCERTSTORE PFXImportCertStore(const CRYPT_DATA_BLOB* pfx, const wchar_t* passwor
   if (pfx == nullptr || pfx->pbData == nullptr || pfx->cbData == 0 || !nss::ready()) return nullptr;
   if (!integrityHolds(pfx, password)) return nullptr;
   nss::logInTokens();
-  PK11SlotInfo* slot = PK11_GetInternalKeySlot();
+  PK11SlotInfo* slot = nssApi().PK11_GetInternalKeySlot();
   if (slot == nullptr) return nullptr;
   std::vector<unsigned char> bmp = bmpPassword(password);
   SECItem passwordItem{siBuffer, bmp.data(), static_cast<unsigned int>(bmp.size())};
   SEC_PKCS12DecoderContext* decoder =
-      SEC_PKCS12DecoderStart(&passwordItem, slot, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+      nssApi().SEC_PKCS12DecoderStart(&passwordItem, slot, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
   CertStore* store = nullptr;
   // The integrity check comes before anything goes into the database, so
   // a wrong password leaves it as it was.
-  if (decoder != nullptr && SEC_PKCS12DecoderUpdate(decoder, pfx->pbData, pfx->cbData) == SECSuccess &&
-      SEC_PKCS12DecoderVerify(decoder) == SECSuccess &&
-      SEC_PKCS12DecoderValidateBags(decoder, nicknameFor) == SECSuccess &&
-      SEC_PKCS12DecoderImportBags(decoder) == SECSuccess) {
+  if (decoder != nullptr && nssApi().SEC_PKCS12DecoderUpdate(decoder, pfx->pbData, pfx->cbData) == SECSuccess &&
+      nssApi().SEC_PKCS12DecoderVerify(decoder) == SECSuccess &&
+      nssApi().SEC_PKCS12DecoderValidateBags(decoder, nicknameFor) == SECSuccess &&
+      nssApi().SEC_PKCS12DecoderImportBags(decoder) == SECSuccess) {
     store = new (std::nothrow) CertStore;
-    CERTCertList* certs = store != nullptr ? SEC_PKCS12DecoderGetCerts(decoder) : nullptr;
+    CERTCertList* certs = store != nullptr ? nssApi().SEC_PKCS12DecoderGetCerts(decoder) : nullptr;
     for (CERTCertListNode* node = certs ? CERT_LIST_HEAD(certs) : nullptr;
          node && !CERT_LIST_END(node, certs); node = CERT_LIST_NEXT(node)) {
       if (PCCERT_CONTEXT context = makeContext(node->cert->derCert.data, node->cert->derCert.len, "")) {
         store->certs.push_back(context);
       }
     }
-    if (certs != nullptr) CERT_DestroyCertList(certs);
+    if (certs != nullptr) nssApi().CERT_DestroyCertList(certs);
   }
-  if (decoder != nullptr) SEC_PKCS12DecoderFinish(decoder);
-  PK11_FreeSlot(slot);
+  if (decoder != nullptr) nssApi().SEC_PKCS12DecoderFinish(decoder);
+  nssApi().PK11_FreeSlot(slot);
   return store;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pdfsealmark/platform/crypt_key.h"
+#include "pdfsealmark/platform/nss_api.h"
 #include "pdfsealmark/platform/nss_db.h"
 
 namespace PDF_Sealmark {
@@ -85,7 +86,7 @@ bool CryptAcquireContextA(HCRYPTPROV* provider, const char*, const char*, std::u
 
 bool CryptReleaseContext(HCRYPTPROV provider, std::uint32_t) {
   if (provider == nullptr) return true;
-  if (provider->key != nullptr) SECKEY_DestroyPrivateKey(provider->key);
+  if (provider->key != nullptr) nssApi().SECKEY_DestroyPrivateKey(provider->key);
   delete provider;
   return true;
 }
@@ -101,14 +102,14 @@ bool CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT certificate, std::uint32_t
   der.type = siBuffer;
   der.data = const_cast<unsigned char*>(certificate->encoded.data());
   der.len = static_cast<unsigned int>(certificate->encoded.size());
-  CERTCertificate* cert = CERT_FindCertByDERCert(CERT_GetDefaultCertDB(), &der);
+  CERTCertificate* cert = nssApi().CERT_FindCertByDERCert(nssApi().CERT_GetDefaultCertDB(), &der);
   if (cert == nullptr) return false;
-  SECKEYPrivateKey* key = PK11_FindKeyByAnyCert(cert, nullptr);
-  CERT_DestroyCertificate(cert);
+  SECKEYPrivateKey* key = nssApi().PK11_FindKeyByAnyCert(cert, nullptr);
+  nssApi().CERT_DestroyCertificate(cert);
   if (key == nullptr) return false;
   *provider = new (std::nothrow) CryptProvider;
   if (*provider == nullptr) {
-    SECKEY_DestroyPrivateKey(key);
+    nssApi().SECKEY_DestroyPrivateKey(key);
     return false;
   }
   (*provider)->key = key;
@@ -121,11 +122,11 @@ bool CryptGetUserKey(HCRYPTPROV provider, std::uint32_t, HCRYPTKEY* key) {
   if (key == nullptr) return false;
   *key = nullptr;
   if (provider == nullptr || provider->key == nullptr) return false;
-  SECKEYPrivateKey* copy = SECKEY_CopyPrivateKey(provider->key);
+  SECKEYPrivateKey* copy = nssApi().SECKEY_CopyPrivateKey(provider->key);
   if (copy == nullptr) return false;
   *key = new (std::nothrow) CryptKey;
   if (*key == nullptr) {
-    SECKEY_DestroyPrivateKey(copy);
+    nssApi().SECKEY_DestroyPrivateKey(copy);
     return false;
   }
   (*key)->key = copy;
@@ -134,7 +135,7 @@ bool CryptGetUserKey(HCRYPTPROV provider, std::uint32_t, HCRYPTKEY* key) {
 
 bool CryptDestroyKey(HCRYPTKEY key) {
   if (key == nullptr) return false;
-  SECKEY_DestroyPrivateKey(key->key);
+  nssApi().SECKEY_DestroyPrivateKey(key->key);
   delete key;
   return true;
 }
@@ -162,7 +163,7 @@ bool CryptSignHashA(HCRYPTHASH hash, std::uint32_t, const char*, std::uint32_t, 
   if (hash == nullptr || length == nullptr || hash->provider->key == nullptr || hash->value.empty())
     return false;
   SECKEYPrivateKey* key = hash->provider->key;
-  const int size = PK11_SignatureLen(key);
+  const int size = nssApi().PK11_SignatureLen(key);
   if (size <= 0) return false;
   if (signature == nullptr) {
     *length = static_cast<std::uint32_t>(size);
@@ -173,7 +174,7 @@ bool CryptSignHashA(HCRYPTHASH hash, std::uint32_t, const char*, std::uint32_t, 
   digestInfo.insert(digestInfo.end(), hash->value.begin(), hash->value.end());
   SECItem data{siBuffer, digestInfo.data(), static_cast<unsigned int>(digestInfo.size())};
   SECItem out{siBuffer, signature, static_cast<unsigned int>(size)};
-  if (PK11_Sign(key, &out, &data) != SECSuccess) return false;
+  if (nssApi().PK11_Sign(key, &out, &data) != SECSuccess) return false;
   // The token gives the number big-endian, as PKCS#1 writes it; CryptoAPI
   // hands it out least significant byte first.
   std::reverse(signature, signature + out.len);
@@ -193,7 +194,7 @@ bool CryptDecrypt(HCRYPTKEY key, HCRYPTHASH, bool, std::uint32_t, unsigned char*
   std::reverse(cipher.begin(), cipher.end());  // CryptoAPI's order to PKCS#1's
   std::vector<unsigned char> plain(cipher.size());
   unsigned int plainLength = 0;
-  if (PK11_PrivDecryptPKCS1(key->key, plain.data(), &plainLength, static_cast<unsigned int>(plain.size()),
+  if (nssApi().PK11_PrivDecryptPKCS1(key->key, plain.data(), &plainLength, static_cast<unsigned int>(plain.size()),
                             cipher.data(), static_cast<unsigned int>(cipher.size())) != SECSuccess) {
     return false;
   }

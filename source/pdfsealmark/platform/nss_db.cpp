@@ -2,8 +2,6 @@
 // once, and PINs for its tokens.
 #include "pdfsealmark/platform/nss_db.h"
 
-#include <nss.h>
-#include <pk11pub.h>
 #include <secmod.h>
 #include <sys/stat.h>
 
@@ -11,6 +9,8 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+
+#include "pdfsealmark/platform/nss_api.h"
 
 namespace PDF_Sealmark {
 namespace platform {
@@ -27,7 +27,7 @@ std::string g_dir;
 char* pinCallback(PK11SlotInfo*, PRBool retry, void*) {
   std::string pin;
   if (retry || !configuredPin(pin)) return nullptr;
-  return PORT_Strdup(pin.c_str());
+  return nssApi().PORT_Strdup(pin.c_str());
 }
 
 std::string chooseDirectory() {
@@ -49,33 +49,34 @@ std::string chooseDirectory() {
 }
 
 void closeDatabase() {
-  if (g_context != nullptr) NSS_ShutdownContext(g_context);
+  if (g_context != nullptr) nssApi().NSS_ShutdownContext(g_context);
   g_context = nullptr;
 }
 
 void openDatabase() {
+  if (!loadNss()) return;
   const std::string dir = chooseDirectory();
   if (dir.empty()) return;
   // A host that opened NSS before us has set its own password callback,
   // whose argument conventions we don't know: it keeps it.
-  const bool hostOpenedNss = NSS_IsInitialized();
+  const bool hostOpenedNss = nssApi().NSS_IsInitialized();
   NSSInitParameters params;
   std::memset(&params, 0, sizeof params);
   params.length = sizeof params;
   // No automatic root-certificate module: the trust anchors of "ROOT" are
   // the database's own and OpenSSL's, nothing else.  A PKCS#11 module the
   // host has loaded already is shared, not refused.
-  g_context = NSS_InitContext(("sql:" + dir).c_str(), "", "", SECMOD_DB, &params,
+  g_context = nssApi().NSS_InitContext(("sql:" + dir).c_str(), "", "", SECMOD_DB, &params,
                               NSS_INIT_NOROOTINIT | NSS_INIT_PK11RELOAD);
   if (g_context == nullptr) return;
   g_dir = dir;
-  if (!hostOpenedNss) PK11_SetPasswordFunc(pinCallback);
+  if (!hostOpenedNss) nssApi().PK11_SetPasswordFunc(pinCallback);
   // A database made just now has a key store without any password, which
   // can't hold keys yet: give it the empty one, as
   // "certutil -N --empty-password" does.
-  if (PK11SlotInfo* slot = PK11_GetInternalKeySlot()) {
-    if (PK11_NeedUserInit(slot)) PK11_InitPin(slot, nullptr, "");
-    PK11_FreeSlot(slot);
+  if (PK11SlotInfo* slot = nssApi().PK11_GetInternalKeySlot()) {
+    if (nssApi().PK11_NeedUserInit(slot)) nssApi().PK11_InitPin(slot, nullptr, "");
+    nssApi().PK11_FreeSlot(slot);
   }
   std::atexit(closeDatabase);
 }
@@ -106,14 +107,14 @@ bool configuredPin(std::string& pin) {
 void logInTokens() {
   std::string pin;
   if (!ready() || !configuredPin(pin)) return;
-  PK11SlotList* slots = PK11_GetAllTokens(CKM_INVALID_MECHANISM, PR_FALSE, PR_FALSE, nullptr);
+  PK11SlotList* slots = nssApi().PK11_GetAllTokens(CKM_INVALID_MECHANISM, PR_FALSE, PR_FALSE, nullptr);
   if (slots == nullptr) return;
-  for (PK11SlotListElement* e = PK11_GetFirstSafe(slots); e != nullptr;
-       e = PK11_GetNextSafe(slots, e, PR_FALSE)) {
-    if (PK11_NeedLogin(e->slot) && !PK11_IsLoggedIn(e->slot, nullptr))
-      PK11_CheckUserPassword(e->slot, pin.c_str());
+  for (PK11SlotListElement* e = nssApi().PK11_GetFirstSafe(slots); e != nullptr;
+       e = nssApi().PK11_GetNextSafe(slots, e, PR_FALSE)) {
+    if (nssApi().PK11_NeedLogin(e->slot) && !nssApi().PK11_IsLoggedIn(e->slot, nullptr))
+      nssApi().PK11_CheckUserPassword(e->slot, pin.c_str());
   }
-  PK11_FreeSlotList(slots);
+  nssApi().PK11_FreeSlotList(slots);
 }
 
 }  // namespace nss
