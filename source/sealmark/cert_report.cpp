@@ -1,6 +1,7 @@
 #include "cert_report.h"
 
 #include <openssl/asn1.h>
+#include <openssl/objects.h>
 #include <openssl/x509.h>
 #include <unicode/unistr.h>
 
@@ -17,38 +18,47 @@ const std::pair<int, const char*> kKeyUsageBits[] = {
     {0x0002, "cRLSign"},          {0x0001, "encipherOnly"},   {0x8000, "decipherOnly"},
 };
 
+Attribute named(const PDF_Sealmark::PDFCert& cert, const std::string& oid, std::string value) {
+  std::string shortName, longName;
+  cert.getOidName(oid, shortName, longName);
+  const bool known = !shortName.empty() && shortName != "UNDEF";
+  return {oid, known ? shortName : oid, std::move(value)};
+}
+
 // The library hands a UTF8String out in code page 932 and every other
 // string type byte for byte, which loses what code page 932 can't hold
 // (accented Latin letters, for one).  The terminal and JSON want UTF-8, so
-// where the certificate the library lends is at hand, each value is taken
-// from it and converted by OpenSSL from whatever string type it has; the
-// library's text is the fallback.
-std::string utf8Value(const X509_NAME* name, std::size_t index, const std::string& libraryText) {
-  if (name && index < static_cast<std::size_t>(X509_NAME_entry_count(name))) {
-    const ASN1_STRING* value = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, static_cast<int>(index)));
+// where the certificate the library lends is at hand, its names are read
+// from it, each value converted by OpenSSL from whatever string type it has.
+// False when an entry can't be read so.
+bool readUtf8(const PDF_Sealmark::PDFCert& cert, const X509_NAME* name, std::vector<Attribute>& out) {
+  const int count = name ? X509_NAME_entry_count(name) : 0;
+  for (int i = 0; i < count; ++i) {
+    const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+    char oid[256] = {0};
+    const ASN1_STRING* value = entry ? X509_NAME_ENTRY_get_data(entry) : nullptr;
     unsigned char* utf8 = nullptr;
-    const int len = value ? ASN1_STRING_to_UTF8(&utf8, value) : -1;
-    if (len >= 0) {
-      std::string text(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(len));
-      OPENSSL_free(utf8);
-      return text;
-    }
+    if (!value || OBJ_obj2txt(oid, sizeof oid, X509_NAME_ENTRY_get_object(entry), 1) <= 0) return false;
+    const int length = ASN1_STRING_to_UTF8(&utf8, value);
+    if (length < 0) return false;
+    std::string text(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
+    OPENSSL_free(utf8);
+    out.push_back(named(cert, oid, std::move(text)));
   }
-  const icu::UnicodeString text(libraryText.data(), static_cast<int32_t>(libraryText.size()), "CP932");
-  std::string utf8;
-  text.toUTF8String(utf8);
-  return utf8;
+  return name != nullptr;
 }
 
-std::vector<Attribute> attributes(const PDF_Sealmark::PDFCert& cert, const X509_NAME* name,
-                                  const std::vector<std::string>& oids,
-                                  const std::vector<std::string>& values) {
+// Without the certificate, the library's text, taken as code page 932.
+std::vector<Attribute> attributes(const PDF_Sealmark::PDFCert& cert, const X509_NAME* name, bool subject) {
   std::vector<Attribute> out;
+  if (readUtf8(cert, name, out)) return out;
+  out.clear();
+  std::vector<std::string> oids, values;
+  subject ? cert.getSubject(oids, values) : cert.getIssuer(oids, values);
   for (std::size_t i = 0; i < oids.size() && i < values.size(); ++i) {
-    std::string shortName, longName;
-    cert.getOidName(oids[i], shortName, longName);
-    const bool known = !shortName.empty() && shortName != "UNDEF";
-    out.push_back({oids[i], known ? shortName : oids[i], utf8Value(name, i, values[i])});
+    std::string utf8;
+    icu::UnicodeString(values[i].data(), static_cast<int32_t>(values[i].size()), "CP932").toUTF8String(utf8);
+    out.push_back(named(cert, oids[i], std::move(utf8)));
   }
   return out;
 }
@@ -66,11 +76,8 @@ CertReport describe(const PDF_Sealmark::PDFCert& cert) {
   // Borrowed from the certificate object, only to read string types.
   const X509* x509 = reinterpret_cast<const X509*>(cert.getX509());
   r.version = cert.getVersion() + 1;
-  std::vector<std::string> oids, values;
-  cert.getSubject(oids, values);
-  r.subject = attributes(cert, x509 ? X509_get_subject_name(x509) : nullptr, oids, values);
-  cert.getIssuer(oids, values);
-  r.issuer = attributes(cert, x509 ? X509_get_issuer_name(x509) : nullptr, oids, values);
+  r.subject = attributes(cert, x509 ? X509_get_subject_name(x509) : nullptr, true);
+  r.issuer = attributes(cert, x509 ? X509_get_issuer_name(x509) : nullptr, false);
   r.serial = cert.getSerialHex();
   cert.getHashHex(r.sha1);
   r.notBefore = cert.getNotBefore();
