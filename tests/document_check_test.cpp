@@ -1,6 +1,8 @@
 // The one-pass check against PDFSealmarkVerify::verify, field by field, over
 // every corpus file and fuzz seed; and its own answers where verify has none.
 #include <gtest/gtest.h>
+#include <openssl/objects.h>
+#include <openssl/x509.h>
 
 #include <map>
 #include <string>
@@ -131,6 +133,25 @@ TEST(DocumentCheck, ChecksASignatureDictionaryWithoutFilter) {
   EXPECT_EQ(sealtest::hashOf(s.certificates[s.signer]),
             sealtest::sha1Fingerprint(sealtest::pki("signer.pem")));
   EXPECT_EQ(s.problem, "the signature does not match the signed bytes");
+}
+
+// Two signer infos, one in a digest algorithm OpenSSL lacks (whichever
+// comes first once the set is re-encoded): not intact, said so, and the
+// other's digest is found without comparing against the unknown one.
+TEST(DocumentCheck, SignerInfoInAnUnknownDigestAlgorithm) {
+  for (int unknown : {0, 1}) {
+    const sealtest::Bytes pdf =
+        sealtest::editPkcs7(sealtest::sign(sealtest::input("two-pages.pdf")), [&](PKCS7* p7) {
+          sealtest::addSigner(p7, "second");
+          PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), unknown);
+          X509_ALGOR_set0(si->digest_alg, OBJ_txt2obj("1.2.3.4", 1), V_ASN1_NULL, nullptr);
+        });
+    Check::Result result;
+    ASSERT_TRUE(Check::checkMemory(pdf, "", result, nullptr));
+    const Check::Signature& s = result.signatures.at(0);
+    EXPECT_EQ(s.intact, 0) << unknown;
+    EXPECT_EQ(s.problem.rfind("unknown digest algorithm in signer info ", 0), 0u) << s.problem;
+  }
 }
 
 // A file of many chunks with three signatures: digests shared out on

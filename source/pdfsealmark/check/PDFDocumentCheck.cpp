@@ -451,7 +451,7 @@ void plan(PDF_Folio::CSigField* field, PDF_Vellum::PDFDocument& doc, Job& job) {
     PKCS7_SIGNER_INFO* si = sk_PKCS7_SIGNER_INFO_value(infos, i);
     if (!si || !si->digest_alg) continue;
     const bool known = std::any_of(job.digests.begin(), job.digests.end(), [&](const auto& d) {
-      return OBJ_cmp(d->algorithm(), si->digest_alg->algorithm) == 0;
+      return d->isFor(si->digest_alg);
     });
     if (!known) job.digests.push_back(std::make_unique<ContentDigest>(si->digest_alg));
   }
@@ -497,7 +497,7 @@ void judge(Job& job, const std::vector<std::uint64_t>& ends, std::uint64_t fileS
   } else {
     auto fromPass = [&](PKCS7_SIGNER_INFO* si) {
       for (std::size_t d = 0; d < job.digests.size(); ++d) {
-        if (OBJ_cmp(job.digests[d]->algorithm(), si->digest_alg->algorithm) == 0) return digests[d];
+        if (job.digests[d]->isFor(si->digest_alg)) return digests[d];
       }
       return Bytes();
     };

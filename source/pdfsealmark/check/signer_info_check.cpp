@@ -92,9 +92,9 @@ bool setPssParameters(EVP_PKEY_CTX* ctx, const X509_ALGOR* signatureAlgorithm, c
 }  // namespace
 
 ContentDigest::ContentDigest(const X509_ALGOR* digestAlgorithm) {
+  if (digestAlgorithm && digestAlgorithm->algorithm) algorithm_ = OBJ_dup(digestAlgorithm->algorithm);
   const EVP_MD* md = mdOf(digestAlgorithm);
   if (!md) return;
-  algorithm_ = digestAlgorithm->algorithm;
   xofLength_ = xofLengthOf(EVP_MD_get_type(md));
   ctx_ = EVP_MD_CTX_new();
   if (ctx_ && EVP_DigestInit_ex(ctx_, md, nullptr) != 1) {
@@ -103,7 +103,15 @@ ContentDigest::ContentDigest(const X509_ALGOR* digestAlgorithm) {
   }
 }
 
-ContentDigest::~ContentDigest() { EVP_MD_CTX_free(ctx_); }
+ContentDigest::~ContentDigest() {
+  EVP_MD_CTX_free(ctx_);
+  ASN1_OBJECT_free(algorithm_);
+}
+
+bool ContentDigest::isFor(const X509_ALGOR* digestAlgorithm) const {
+  return algorithm_ && digestAlgorithm && digestAlgorithm->algorithm &&
+         OBJ_cmp(algorithm_, digestAlgorithm->algorithm) == 0;
+}
 
 void ContentDigest::update(const unsigned char* data, std::size_t size) {
   if (ctx_ && size > 0) EVP_DigestUpdate(ctx_, data, size);

@@ -29,12 +29,14 @@ class ContentDigest {
   void update(const unsigned char* data, std::size_t size);
   // The digest; empty when it failed.  Call once.
   std::vector<unsigned char> finish();
-  // The algorithm, as its object (to compare signer infos).
-  const ASN1_OBJECT* algorithm() const { return algorithm_; }
+  // Whether this digest is in that algorithm (a signer info's).  Known or
+  // not: a signer info in an algorithm OpenSSL lacks finds its digest here,
+  // an empty one.
+  bool isFor(const X509_ALGOR* digestAlgorithm) const;
 
  private:
   EVP_MD_CTX* ctx_ = nullptr;
-  const ASN1_OBJECT* algorithm_ = nullptr;
+  ASN1_OBJECT* algorithm_ = nullptr;  // a copy: the X509_ALGOR may go first
   std::size_t xofLength_ = 0;  // SHAKE: the output length RFC 8419 fixes
 };
 
