@@ -351,7 +351,7 @@ int runVerify(const Args& args) {
     Outcome& o = outcomes[i];
     o.done = true;
     o.readable = report != nullptr;
-    for (const FieldReport& f : report ? report->fields : std::vector<FieldReport>()) o.fails = o.fails || fails(f);
+    if (report) o.fails = std::any_of(report->fields.begin(), report->fields.end(), fails);
     ++finished;
     failed += !o.readable || o.fails;
     if (progress) std::cerr << "\r\033[K";  // what is printed replaces the progress line

@@ -67,7 +67,7 @@ void openDatabase() {
   // the database's own and OpenSSL's, nothing else.  A PKCS#11 module the
   // host has loaded already is shared, not refused.
   g_context = nssApi().NSS_InitContext(("sql:" + dir).c_str(), "", "", SECMOD_DB, &params,
-                              NSS_INIT_NOROOTINIT | NSS_INIT_PK11RELOAD);
+                                       NSS_INIT_NOROOTINIT | NSS_INIT_PK11RELOAD);
   if (g_context == nullptr) return;
   g_dir = dir;
   if (!hostOpenedNss) nssApi().PK11_SetPasswordFunc(pinCallback);

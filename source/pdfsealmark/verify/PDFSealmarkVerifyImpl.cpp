@@ -217,8 +217,10 @@ bool PDFSealmarkVerifyImpl::parse(PDF_Folio::CSigField* field) {
     if (contents->getString() && len > 0 && len <= INT_MAX) {
       const auto* bytes = reinterpret_cast<const unsigned char*>(contents->getString());
       pkcs7 = decodeSharingCertificates(bytes, static_cast<std::size_t>(len));
-      ossl::UniquePtr<BIO> source(pkcs7 ? nullptr : BIO_new_mem_buf(bytes, static_cast<int>(len)));
-      if (source) pkcs7 = d2i_PKCS7_bio(source.get(), nullptr);
+      if (!pkcs7) {
+        ossl::UniquePtr<BIO> source(BIO_new_mem_buf(bytes, static_cast<int>(len)));
+        if (source) pkcs7 = d2i_PKCS7_bio(source.get(), nullptr);
+      }
     }
     if (!pkcs7) {
       delete sigDict;
