@@ -291,9 +291,6 @@ bool fails(const FieldReport& f) {
   return (f.intact && !*f.intact) || (f.validation && f.validation->verdict != "valid");
 }
 
-// The largest first file that is checked before the other threads start.
-constexpr std::uintmax_t kAloneFirst = 4u << 20;
-
 struct Outcome {
   std::string text;  // what the file prints: its JSON line, or its table
   bool done = false;
@@ -362,8 +359,8 @@ int runVerify(const Args& args) {
     if (progress)
       std::cerr << "\r" << finished << "/" << files.size() << " files, " << failed << " failed" << std::flush;
   };
-  auto worker = [&](std::size_t most) {
-    for (; most > 0; --most) {
+  auto worker = [&] {
+    for (;;) {
       std::size_t i;
       {
         std::lock_guard<std::mutex> lock(mutex);
@@ -386,18 +383,13 @@ int runVerify(const Args& args) {
       finish(i, std::move(report), why);
     }
   };
-  // The first file also sets up what every file needs once per process:
-  // OpenSSL's providers and decoders, ICU's converters.  Two threads doing
-  // that at once finish later than one doing it alone, so a small first
-  // file goes alone and the other threads start after it.
-  const std::size_t all = files.size();
-  if (jobs > 1) {  // so there are files
-    std::error_code unknown;
-    if (std::filesystem::file_size(files.front(), unknown) <= kAloneFirst && !unknown) worker(1);
-  }
+  // All threads start at once.  The first files set up what the process
+  // needs once (OpenSSL's providers, the shared certificates), and a thread
+  // that meets that set-up half done waits for it rather than repeating it,
+  // so a first file checked alone would only leave a core idle.
   std::vector<std::thread> pool;
-  for (std::size_t j = 1; j < jobs; ++j) pool.emplace_back(worker, all);
-  worker(all);
+  for (std::size_t j = 1; j < jobs; ++j) pool.emplace_back(worker);
+  worker();
   for (std::thread& t : pool) t.join();
   if (progress) std::cerr << "\n";
   if (opts.json && files.size() > 1) std::cout << (opened ? "" : "[") << "]\n";
